@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, and runs every test through CTest.
+#   ./test.sh                      normal build in build/
+#   ./test.sh --sanitize=address   ASan + UBSan build in build-asan/
+#   ./test.sh --sanitize=thread    TSan build in build-tsan/
+# Extra arguments after -- go to ctest (e.g. ./test.sh -- -R serial).
+set -euo pipefail
+cd "$(dirname "$0")"
+
+sanitize=""
+ctest_args=()
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --sanitize=address|--sanitize=thread) sanitize="${1#--sanitize=}" ;;
+    --) shift; ctest_args=("$@"); break ;;
+    *) echo "usage: $0 [--sanitize=address|thread] [-- ctest args]" >&2; exit 2 ;;
+  esac
+  shift
+done
+
+./packaging/install-deps.sh
+
+build="build${sanitize:+-$sanitize}"
+werror=OFF
+[ "${CI:-}" = true ] && werror=ON
+cmake -S . -B "$build" -DTC_SANITIZE="$sanitize" -DTC_WERROR="$werror" >/dev/null
+cmake --build "$build" -j "$(nproc)"
+
+export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}"
+export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
+export TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}"
+cd "$build"
+ctest --output-on-failure -j "$(nproc)" "${ctest_args[@]}"

@@ -1,0 +1,141 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <stdexcept>
+
+#include "common/platform/src/thread/InternalThread.h"
+#include "common/platform/src/thread/Thread.h"
+#include "tests/support/log_capture.h"
+
+using namespace Zentrova::Iot::Platform;
+
+namespace {
+
+// Counts passes of a loop that honours the run flag (or not).
+class Looper : public CThread {
+ public:
+  explicit Looper(bool obey = true) : CThread("looper", POLICY_NORMAL, 64, 0), m_obey(obey) {}
+  ~Looper() override { stop(); }
+  std::atomic<int> passes{0};
+  std::atomic<bool> selfStop{false};
+  std::atomic<bool> throwIt{false};
+
+ protected:
+  void threadProc() override {
+    while (!m_obey || isRunning()) {
+      if (throwIt) throw std::runtime_error("boom");
+      if (selfStop) {
+        stop();  // from the thread itself: no wait, no cancel
+        return;
+      }
+      ++passes;
+      sleepMs(5);
+    }
+  }
+
+ private:
+  bool m_obey;
+};
+
+bool eventually(const std::function<bool()>& cond, int ms = 2000) {
+  for (int waited = 0; waited < ms; waited += 5) {
+    if (cond()) return true;
+    CThread::sleepMs(5);
+  }
+  return cond();
+}
+
+TEST(InternalThread, PriorityAndStackRules) {
+  EXPECT_EQ(InternalThread::mapPriority(128, 1, 99), 99u);
+  EXPECT_EQ(InternalThread::mapPriority(1, 1, 99), 1u);
+  EXPECT_EQ(InternalThread::mapPriority(0, 1, 99), InternalThread::mapPriority(1, 1, 99));
+  EXPECT_EQ(InternalThread::mapPriority(500, 1, 99), InternalThread::mapPriority(128, 1, 99));
+  EXPECT_EQ(InternalThread::mapPriority(64, 1, 99), 99u - (98u * 64u) / 127u);
+  EXPECT_EQ(InternalThread::roundStackSize(0), 0u);
+  EXPECT_EQ(InternalThread::roundStackSize(1), 16384u);
+  EXPECT_EQ(InternalThread::roundStackSize(16384), 16384u);
+  EXPECT_EQ(InternalThread::roundStackSize(16385), 32768u);
+
+  InternalThread fifo("fifo", CThread::POLICY_FIFO, 0, 20000);
+  EXPECT_EQ(fifo.priority(), static_cast<uint32_t>(sched_get_priority_min(SCHED_FIFO)));
+  EXPECT_EQ(fifo.stackSize(), 32768u);
+}
+
+TEST(CThread, RunsStopsAndStartsAgain) {
+  Looper t;
+  EXPECT_TRUE(t.isStopped());
+  EXPECT_EQ(t.getThreadId(), 0u);
+  ASSERT_TRUE(t.start());
+  EXPECT_FALSE(t.start());  // already alive
+  EXPECT_TRUE(eventually([&] { return t.passes > 2; }));
+  EXPECT_NE(t.getThreadId(), 0u);
+  EXPECT_NE(t.getThreadId(), CThread::currentThreadId());
+  t.stop();
+  EXPECT_TRUE(t.isStopped());
+  EXPECT_FALSE(t.isRunning());
+  int after = t.passes;
+  CThread::sleepMs(30);
+  EXPECT_EQ(t.passes, after);
+
+  ASSERT_TRUE(t.start());  // a fresh thread with the same attributes
+  EXPECT_TRUE(eventually([&] { return t.passes > after + 2; }));
+}
+
+TEST(CThread, StopOfNeverStartedThreadReturnsAtOnce) {
+  Looper t;
+  uint64_t begin = tickMs();
+  t.stop();
+  t.requestStop();
+  EXPECT_FALSE(t.cancel());
+  EXPECT_LT(tickMs() - begin, 100u);
+}
+
+TEST(CThread, BodyIgnoringTheFlagIsCancelledAfterThreeSeconds) {
+  Looper t(false);
+  ASSERT_TRUE(t.start());
+  EXPECT_TRUE(eventually([&] { return t.passes > 0; }));
+  uint64_t begin = tickMs();
+  t.stop();
+  uint64_t took = tickMs() - begin;
+  EXPECT_GE(took, 2900u);
+  EXPECT_LT(took, 6000u);
+  EXPECT_TRUE(t.isStopped());
+  CThread::sleepMs(50);  // let the cancellation land
+  int after = t.passes;
+  CThread::sleepMs(50);
+  EXPECT_EQ(t.passes, after);
+}
+
+TEST(CThread, StopFromInsideTheThreadDoesNotWait) {
+  Looper t;
+  t.selfStop = true;
+  ASSERT_TRUE(t.start());
+  EXPECT_TRUE(eventually([&] { return t.isStopped(); }, 1000));
+}
+
+TEST(CThread, ExceptionEndsTheThreadWithOneLine) {
+  tc_test::LogCaptureScope capture;
+  Looper t;
+  t.throwIt = true;
+  ASSERT_TRUE(t.start());
+  EXPECT_TRUE(eventually([&] { return t.isStopped(); }));
+  EXPECT_EQ(capture.count("threadProc, looper ended by an exception: boom"), 1u) << capture.dump();
+}
+
+TEST(Time, TickIsMonotonicAndFollowsSleep) {
+  uint64_t a = tickMs();
+  CThread::sleepMs(120);
+  uint64_t b = tickMs();
+  EXPECT_GE(b - a, 100u);  // the tick moves in 10 ms steps
+  EXPECT_LT(b - a, 2000u);
+  uint64_t c = tickMs();
+  EXPECT_GE(c, b);
+}
+
+TEST(Time, SleepZeroOnlyYields) {
+  uint64_t a = tickMs();
+  for (int i = 0; i < 1000; ++i) CThread::sleepMs(0);
+  EXPECT_LT(tickMs() - a, 200u);
+}
+
+}  // namespace
