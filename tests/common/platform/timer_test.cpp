@@ -1,0 +1,251 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "common/platform/src/lock/Mutex.h"
+#include "common/platform/src/lock/MutexGuard.h"
+#include "common/platform/src/thread/Thread.h"
+#include "common/platform/src/timer/InternalTimer.h"
+#include "common/platform/src/timer/Timer.h"
+#include "common/platform/src/timer/TimerManager.h"
+
+using namespace Zentrova::Iot::Platform;
+
+namespace {
+
+std::atomic<int> g_active{0};
+std::atomic<int> g_maxActive{0};
+
+// A timer callback that records when it ran and with which user data, and can
+// be told to block.
+class Probe {
+ public:
+  CFunctor<uint64_t> callback() { return CFunctor<uint64_t>(this, &Probe::fire); }
+
+  std::atomic<bool> hold{false};            // while set, the callback waits (at most 3 s)
+  std::atomic<uint32_t> blockOnceMs{0};     // the next call sleeps this long
+  std::atomic<CTimer*> stopInside{nullptr};  // stop(true) this timer from the callback
+  std::atomic<CTimer*> periodTarget{nullptr};
+  std::atomic<uint32_t> newPeriod{0};       // setPeriod on periodTarget in the first call
+  std::atomic<int> entered{0};
+  std::atomic<int> finished{0};
+
+  std::vector<std::pair<uint64_t, uint64_t>> runs() {  // (tick at entry, user data)
+    CMutexGuard guard(&m_lock);
+    return m_runs;
+  }
+
+ private:
+  void fire(uint64_t data) {
+    {
+      CMutexGuard guard(&m_lock);
+      m_runs.emplace_back(tickMs(), data);
+    }
+    ++entered;
+    int active = ++g_active;
+    for (int seen = g_maxActive; active > seen && !g_maxActive.compare_exchange_weak(seen, active);) {
+    }
+    if (CTimer* t = periodTarget.exchange(nullptr)) t->setPeriod(newPeriod);
+    if (CTimer* t = stopInside.exchange(nullptr)) t->stop(true);
+    for (int i = 0; hold && i < 600; ++i) CThread::sleepMs(5);
+    if (uint32_t ms = blockOnceMs.exchange(0)) CThread::sleepMs(ms);
+    --g_active;
+    ++finished;
+  }
+
+  CMutex m_lock;
+  std::vector<std::pair<uint64_t, uint64_t>> m_runs;
+};
+
+bool eventually(const std::function<bool()>& cond, int ms = 3000) {
+  for (int waited = 0; waited < ms; waited += 5) {
+    if (cond()) return true;
+    CThread::sleepMs(5);
+  }
+  return cond();
+}
+
+std::atomic<uint64_t> g_freeSum{0};
+void add_free(uint64_t data) { g_freeSum += data; }
+
+TEST(CTimer, NameKeepsItsFirst127Characters) {
+  std::string longName(200, 'n');
+  longName[126] = 'x';
+  longName[127] = 'y';
+  CTimer timer(longName.c_str());
+  EXPECT_EQ(std::string(timer.name()), longName.substr(0, 127));
+  EXPECT_STREQ(CTimer("short").name(), "short");
+  EXPECT_STREQ(CTimer(nullptr).name(), "");
+}
+
+TEST(CTimer, OneShotRunsOnceWithItsUserDataAndCanBeArmedAgain) {
+  Probe probe;
+  CTimer timer("one_shot");
+  uint64_t before = tickMs();
+  ASSERT_TRUE(timer.start(probe.callback(), 0, 60, 42));
+  EXPECT_TRUE(timer.isActive());
+  EXPECT_FALSE(timer.start(probe.callback(), 0, 0, 1));  // already scheduled
+  ASSERT_TRUE(eventually([&] { return !timer.isActive(); }));
+  CThread::sleepMs(150);
+  auto runs = probe.runs();
+  ASSERT_EQ(runs.size(), 1u);
+  EXPECT_GE(runs[0].first, before + 60);  // never early
+  EXPECT_EQ(runs[0].second, 42u);
+
+  g_freeSum = 0;
+  ASSERT_TRUE(timer.start(CFunctor<uint64_t>(&add_free), 0, 0, 5));  // a plain function
+  EXPECT_TRUE(eventually([&] { return !timer.isActive(); }));
+  EXPECT_EQ(g_freeSum, 5u);
+  ASSERT_TRUE(timer.start(CFunctor<uint64_t>(), 0, 0, 0));  // empty: nothing runs
+  EXPECT_TRUE(eventually([&] { return !timer.isActive(); }));
+}
+
+// Both workers blocked: due timers wait.  With one worker freed they go
+// through it one by one, earliest expiry first, equal expiries in start order.
+TEST(CTimer, DueTimersWaitForAFreeWorkerAndFireInExpiryThenStartOrder) {
+  g_maxActive = 0;
+  Probe first, second, seq;
+  first.hold = true;
+  second.hold = true;
+  CTimer blocker1("blocker_1"), blocker2("blocker_2");
+  ASSERT_TRUE(blocker1.start(first.callback(), 0, 0, 0));
+  ASSERT_TRUE(blocker2.start(second.callback(), 0, 0, 0));
+  ASSERT_TRUE(eventually([&] { return first.entered == 1 && second.entered == 1; }));
+  EXPECT_TRUE(blocker1.isRunning());
+
+  CTimer late("late"), tieA("tie_a"), tieB("tie_b"), early("early");
+  // Start the tied pair right after a tick so that they share an expiry.
+  for (uint64_t edge = tickMs(); tickMs() == edge;) {
+  }
+  ASSERT_TRUE(late.start(seq.callback(), 0, 80, 4));
+  ASSERT_TRUE(tieA.start(seq.callback(), 0, 40, 2));
+  ASSERT_TRUE(tieB.start(seq.callback(), 0, 40, 3));
+  ASSERT_TRUE(early.start(seq.callback(), 0, 20, 1));
+  CThread::sleepMs(250);
+  EXPECT_EQ(seq.entered, 0);
+  EXPECT_TRUE(early.isActive());
+  EXPECT_FALSE(early.isRunning());
+
+  first.hold = false;
+  ASSERT_TRUE(eventually([&] { return seq.finished == 4; }));
+  EXPECT_TRUE(blocker2.isRunning());
+  second.hold = false;
+  std::vector<uint64_t> order;
+  for (auto& run : seq.runs()) order.push_back(run.second);
+  EXPECT_EQ(order, (std::vector<uint64_t>{1, 2, 3, 4}));
+  EXPECT_LE(g_maxActive, 2);
+}
+
+TEST(CTimer, PeriodicTimerSkipsPeriodsMissedWhileItsCallbackBlocked) {
+  Probe probe;
+  probe.blockOnceMs = 350;
+  CTimer timer("catch_up");
+  uint64_t before = tickMs();
+  ASSERT_TRUE(timer.start(probe.callback(), 100, 100, 7));
+  ASSERT_TRUE(eventually([&] { return probe.entered >= 4; }));
+  EXPECT_TRUE(timer.stop(true));
+  auto runs = probe.runs();
+  EXPECT_GE(runs[0].first, before + 100);
+  // Nothing while blocked; the periods due at 200, 300 and 400 are made up
+  // by one late run, after which the timer is back on its 100 ms grid.
+  EXPECT_GE(runs[1].first, runs[0].first + 350);
+  EXPECT_GE(runs[2].first, before + 500);
+  EXPECT_GE(runs[3].first, before + 600);
+}
+
+TEST(CTimer, NewPeriodAppliesFromTheNextRearm) {
+  Probe probe;
+  CTimer timer("period");
+  probe.newPeriod = 300;
+  probe.periodTarget = &timer;  // changed inside the first call
+  uint64_t before = tickMs();
+  ASSERT_TRUE(timer.start(probe.callback(), 100, 100, 0));
+  ASSERT_TRUE(eventually([&] { return probe.entered >= 4; }));
+  timer.stop(true);
+  auto runs = probe.runs();
+  // The second expiry was fixed with the old period when the first run began.
+  EXPECT_GE(runs[1].first, before + 200);
+  EXPECT_LT(runs[1].first, runs[0].first + 280);
+  EXPECT_GE(runs[2].first, before + 500);
+  EXPECT_GE(runs[3].first, before + 800);
+}
+
+TEST(CTimer, StopWithWaitReturnsOnlyAfterTheRunningCallback) {
+  Probe probe;
+  probe.blockOnceMs = 300;
+  CTimer timer("stop_wait");
+  ASSERT_TRUE(timer.start(probe.callback(), 50, 0, 0));
+  ASSERT_TRUE(eventually([&] { return probe.entered == 1; }));
+  EXPECT_TRUE(timer.isRunning());
+  EXPECT_TRUE(timer.stop(true));
+  EXPECT_EQ(probe.finished, 1);
+  EXPECT_FALSE(timer.isActive());
+  EXPECT_FALSE(timer.stop(true));
+  CThread::sleepMs(150);
+  EXPECT_EQ(probe.entered, 1);  // not re-armed
+
+  // A waiting timer is taken out of the list at once and never runs.
+  Probe idle;
+  ASSERT_TRUE(timer.start(idle.callback(), 0, 100, 0));
+  uint64_t begin = tickMs();
+  EXPECT_TRUE(timer.stop(true));
+  EXPECT_LT(tickMs() - begin, 50u);
+
+  // Destroying a handle whose callback runs waits for it too (ASan would
+  // catch the worker touching a freed record).
+  Probe doomed;
+  doomed.blockOnceMs = 200;
+  auto* handle = new CTimer("doomed");
+  ASSERT_TRUE(handle->start(doomed.callback(), 0, 0, 0));
+  ASSERT_TRUE(eventually([&] { return doomed.entered == 1; }));
+  delete handle;
+  EXPECT_EQ(doomed.finished, 1);
+
+  // From inside its own callback stop does not wait for itself.
+  Probe self;
+  CTimer selfStopping("self_stop");
+  self.stopInside = &selfStopping;
+  ASSERT_TRUE(selfStopping.start(self.callback(), 30, 0, 0));
+  ASSERT_TRUE(eventually([&] { return !selfStopping.isActive(); }));
+  CThread::sleepMs(100);
+  EXPECT_EQ(self.entered, 1);
+  CThread::sleepMs(100);
+  EXPECT_EQ(idle.entered, 0);
+}
+
+TEST(CTimer, StopWithoutWaitLetsTheWorkerSetIdle) {
+  Probe running;
+  running.hold = true;
+  CTimer timer("stop_nowait");
+  ASSERT_TRUE(timer.start(running.callback(), 50, 0, 0));
+  ASSERT_TRUE(eventually([&] { return running.entered == 1; }));
+  EXPECT_TRUE(timer.stop(false));
+  EXPECT_EQ(running.finished, 0);
+  EXPECT_TRUE(timer.isActive());  // stopping
+  EXPECT_FALSE(timer.isRunning());
+  EXPECT_FALSE(timer.start(running.callback(), 0, 0, 0));
+  running.hold = false;
+  ASSERT_TRUE(eventually([&] { return !timer.isActive(); }));
+  CThread::sleepMs(120);
+  EXPECT_EQ(running.entered, 1);
+
+  // Stopped while waiting: the worker drops it when it falls due.
+  Probe dropped;
+  ASSERT_TRUE(timer.start(dropped.callback(), 0, 50, 0));
+  EXPECT_TRUE(timer.stop(false));
+  EXPECT_TRUE(timer.isActive());
+  ASSERT_TRUE(eventually([&] { return !timer.isActive(); }));
+  EXPECT_EQ(dropped.entered, 0);
+}
+
+TEST(CTimerManagerDeathTest, InsertingATimerThatIsNotScheduledAborts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  InternalTimer record;
+  EXPECT_DEATH(CTimerManager::instance()->insert(&record), "1 == timer->m_status");
+}
+
+}  // namespace
