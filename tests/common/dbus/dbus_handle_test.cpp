@@ -1,0 +1,390 @@
+// The connection handle on a private bus: connecting, blocking and
+// asynchronous calls, signals, watchdog feeding and the bus going away.
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <future>
+#include <thread>
+
+#include "tests/common/dbus/test_server.h"
+#include "tests/support/dbus_daemon.h"
+#include "tests/support/log_capture.h"
+
+using namespace std::chrono;
+using namespace Zentrova::Iot::DBus;
+using tc_test::LogCaptureScope;
+using tc_test::TestServer;
+
+namespace {
+
+const char* const kPeer = "tc.test.peer";
+
+long since_ms(steady_clock::time_point start) {
+  return static_cast<long>(duration_cast<milliseconds>(steady_clock::now() - start).count());
+}
+
+CDBusMethodCall call_peer(const char* member) { return CDBusMethodCall(kPeer, "/tc/test/peer", kPeer, member); }
+
+long cpu_ms() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000 +
+         (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000;
+}
+
+class Handle : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(bus.start()) << bus.error();
+    peer = std::make_unique<TestServer>(bus.address(), kPeer);
+    ASSERT_EQ(peer->connect(), 0);
+    client = std::make_unique<TestServer>(bus.address(), "tc.test.client");
+    ASSERT_EQ(client->connect(), 0);
+  }
+  // The peer keeps the calls named "hold" unanswered.
+  void hold_calls() {
+    peer->on_method([this](CDBusMethodCall& call, CDBusMethodReturn&, bool& sendReply) {
+      sendReply = false;
+      std::lock_guard<std::mutex> lock(held_mutex);
+      held.push_back(call);
+    });
+  }
+  size_t held_count() {
+    std::lock_guard<std::mutex> lock(held_mutex);
+    return held.size();
+  }
+  bool wait_held(size_t n) {
+    for (int i = 0; i < 500 && held_count() < n; ++i) std::this_thread::sleep_for(milliseconds(10));
+    return held_count() >= n;
+  }
+
+  // First, so it outlives every thread that may still log.
+  LogCaptureScope log;
+  tc_test::DBusDaemon bus;
+  std::unique_ptr<TestServer> peer;
+  std::unique_ptr<TestServer> client;
+  std::mutex held_mutex;
+  std::vector<CDBusMethodCall> held;
+};
+
+// Records what asynchronous delegates receive.
+struct AsyncRecorder {
+  void on_reply(uint32_t status, CDBusMethodReturn& reply, uint64_t context) {
+    int32_t value = -1;
+    reply.get_int32(value);
+    std::lock_guard<std::mutex> lock(mutex);
+    results.push_back({status, value, context, reply.get_message() != nullptr});
+  }
+  size_t count() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return results.size();
+  }
+  struct Result {
+    uint32_t status;
+    int32_t value;
+    uint64_t context;
+    bool has_message;
+  };
+  std::mutex mutex;
+  std::vector<Result> results;
+};
+
+TEST_F(Handle, ConnectFailuresReturnTheirCodesAndLogOnce) {
+  log.clear();
+  EXPECT_EQ(client->connect(), 1);
+  EXPECT_EQ(log.count("dbus already connected."), 1u);
+
+  TestServer twin(bus.address(), kPeer);
+  EXPECT_EQ(twin.connect(), 1);
+  EXPECT_EQ(log.count("dbus request name fail, name:tc.test.peer."), 1u);
+
+  TestServer nowhere("unix:path=/nonexistent/tc-test-socket", "tc.test.nowhere");
+  EXPECT_EQ(nowhere.connect(), 1);
+  EXPECT_EQ(log.count("dbus connection open fail, address:unix:path=/nonexistent/tc-test-socket."), 1u);
+  EXPECT_EQ(log.count_prefix("dbus error:"), 1u) << log.dump();
+
+  TestServer badRule(bus.address(), "tc.test.rules", {"type='signal'", "this is no rule"});
+  EXPECT_EQ(badRule.connect(), 1);
+  EXPECT_EQ(log.count("dbus add match fail, rule:this is no rule."), 1u) << log.dump();
+  // Its name was given back and its connection closed: the name is free again.
+  TestServer again(bus.address(), "tc.test.rules");
+  EXPECT_EQ(again.connect(), 0);
+}
+
+TEST_F(Handle, NotConnectedOperationsFailWithTheirCodes) {
+  log.clear();
+  TestServer idle(bus.address(), "tc.test.idle");
+  CDBusMethodCall call = call_peer("ping");
+  CDBusMethodReturn reply;
+  CDBusSignal signal("", "/tc/test", "tc.test.iface", "ping");
+  EXPECT_EQ(idle.block_call(call, reply, 100), -1);
+  EXPECT_EQ(idle.unblock_call(call, 1, CDBusAsyncDelegate()), -1);
+  EXPECT_EQ(idle.send_signal(signal), -1);
+  EXPECT_FALSE(idle.send_dbus_reply(reply));
+  EXPECT_EQ(log.count("block_call, dbus disconnected."), 1u);
+  EXPECT_EQ(log.count("dbus already connected."), 2u);
+  EXPECT_EQ(log.count("dbus already disconnected."), 1u) << log.dump();
+  CDBusMethodCall broken("tc.test.peer", "bad path", "", "m");
+  EXPECT_EQ(client->block_call(broken, reply, 100), -2);
+}
+
+TEST_F(Handle, BlockingCallCarriesEveryTypeBothWays) {
+  peer->on_method([](CDBusMethodCall& call, CDBusMethodReturn& reply, bool&) {
+    std::string text;
+    int32_t i32 = 0;
+    uint32_t u32 = 0;
+    uint64_t u64 = 0;
+    uint8_t* data = nullptr;
+    int32_t length = 0;
+    if (!call.get_string(text) || !call.get_int32(i32) || !call.get_uint32(u32) || !call.get_uint64(u64) ||
+        !call.get_array(data, length)) {
+      return;
+    }
+    reply.set_array(data, length);
+    reply.set_uint64(u64 + 1);
+    reply.set_uint32(u32 + 1);
+    reply.set_int32(i32 + 1);
+    reply.set_string(text + "!");
+    std::free(data);
+  });
+  const uint8_t bytes[4] = {0xde, 0xad, 0xbe, 0xef};
+  CDBusMethodCall call = call_peer("echo");
+  call.set_string("hi");
+  call.set_int32(-5);
+  call.set_uint32(7);
+  call.set_uint64(1ull << 40);
+  call.set_array(bytes, 4);
+  CDBusMethodReturn reply;
+  ASSERT_EQ(client->block_call(call, reply, 5000), 0);
+  uint8_t* data = nullptr;
+  int32_t length = 0;
+  uint64_t u64 = 0;
+  uint32_t u32 = 0;
+  int32_t i32 = 0;
+  std::string text;
+  ASSERT_TRUE(reply.get_array(data, length));
+  EXPECT_EQ(length, 4);
+  EXPECT_EQ(data[3], 0xef);
+  std::free(data);
+  EXPECT_TRUE(reply.get_uint64(u64) && reply.get_uint32(u32) && reply.get_int32(i32) && reply.get_string(text));
+  EXPECT_EQ(u64, (1ull << 40) + 1);
+  EXPECT_EQ(u32, 8u);
+  EXPECT_EQ(i32, -4);
+  EXPECT_EQ(text, "hi!");
+}
+
+TEST_F(Handle, TimeOutThenTheLateReplyIsDroppedWithItsTraceLine) {
+  log.clear();
+  hold_calls();
+  CDBusMethodCall call = call_peer("hold");
+  CDBusMethodReturn reply;
+  const auto start = steady_clock::now();
+  EXPECT_EQ(client->block_call(call, reply, 300), -3);
+  EXPECT_GE(since_ms(start), 250);
+  ASSERT_TRUE(wait_held(1));
+  const unsigned serial = dbus_message_get_serial(call.get_message());
+  EXPECT_EQ(dbus_message_get_serial(held[0].get_message()), serial);
+  EXPECT_EQ(log.count("dbus wait response timeout, close:0, timeout:300, client_serial:" + std::to_string(serial) +
+                      ", member:hold."),
+            1u)
+      << log.dump();
+
+  CDBusMethodReturn late(held[0]);
+  ASSERT_TRUE(peer->send_dbus_reply(late));
+  const std::string dropped = "handle_return_method, no match, reply serial:" + std::to_string(serial) + ".";
+  ASSERT_TRUE(log.wait_for(dropped, 3000)) << log.dump();
+  for (const auto& line : log.lines()) {
+    if (line.text == dropped) {
+      EXPECT_EQ(line.level, 0);
+    }
+  }
+}
+
+TEST_F(Handle, ErrorReplyGivesMinusFiveWithTheErrorInTheReply) {
+  log.clear();
+  CDBusMethodCall call("tc.test.absent", "/tc/test", "tc.test.iface", "ping");
+  CDBusMethodReturn reply;
+  EXPECT_EQ(client->block_call(call, reply, 3000), -5);
+  ASSERT_NE(reply.get_message(), nullptr);
+  EXPECT_FALSE(reply.is_method_return());
+  EXPECT_STREQ(dbus_message_get_error_name(reply.get_message()), DBUS_ERROR_SERVICE_UNKNOWN);
+  EXPECT_EQ(log.count("handle_error_method, name:org.freedesktop.DBus.Error.ServiceUnknown."), 1u) << log.dump();
+}
+
+TEST_F(Handle, DisconnectReleasesBlockedCallersAtOnceAndClosesAsyncCalls) {
+  log.clear();
+  hold_calls();
+  AsyncRecorder recorder;
+  CDBusMethodCall async = call_peer("hold");
+  ASSERT_EQ(client->unblock_call(async, 99, CDBusAsyncDelegate(&recorder, &AsyncRecorder::on_reply)), 0);
+  CDBusMethodCall call = call_peer("hold");
+  auto blocked = std::async(std::launch::async, [&] {
+    CDBusMethodReturn reply;
+    const int32_t result = client->block_call(call, reply, 20000);
+    return std::make_pair(result, steady_clock::now());
+  });
+  ASSERT_TRUE(wait_held(2));
+  const auto start = steady_clock::now();
+  client->disconnect();
+  const auto done = blocked.get();
+  EXPECT_EQ(done.first, -4);
+  const long waited = static_cast<long>(duration_cast<milliseconds>(done.second - start).count());
+  // The reader stops first (up to one 100 ms read), then the waiter wakes
+  // within one 50 ms step.
+  EXPECT_LT(waited, 1000) << "released after " << waited << " ms";
+  RecordProperty("disconnect_to_release_ms", static_cast<int>(waited));
+  EXPECT_EQ(log.count("dbus wait response timeout, close:1, timeout:20000, client_serial:" +
+                      std::to_string(dbus_message_get_serial(call.get_message())) + ", member:hold."),
+            1u)
+      << log.dump();
+  ASSERT_EQ(recorder.count(), 1u);
+  EXPECT_EQ(recorder.results[0].status, 1u);
+  EXPECT_EQ(recorder.results[0].context, 99u);
+  EXPECT_FALSE(recorder.results[0].has_message);
+}
+
+TEST_F(Handle, AsyncDelegateGetsTheReplyAndItsContext) {
+  peer->on_method([](CDBusMethodCall& call, CDBusMethodReturn& reply, bool&) {
+    int32_t value = 0;
+    call.get_int32(value);
+    reply.set_int32(value * 2);
+  });
+  AsyncRecorder recorder;
+  for (int i = 1; i <= 3; ++i) {
+    CDBusMethodCall call = call_peer("double");
+    call.set_int32(i);
+    ASSERT_EQ(client->unblock_call(call, 1000 + i, CDBusAsyncDelegate(&recorder, &AsyncRecorder::on_reply)), 0);
+  }
+  for (int i = 0; i < 500 && recorder.count() < 3; ++i) std::this_thread::sleep_for(milliseconds(10));
+  ASSERT_EQ(recorder.count(), 3u);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(recorder.results[i].status, 0u);
+    EXPECT_EQ(recorder.results[i].value, 2 * static_cast<int32_t>(recorder.results[i].context - 1000));
+  }
+}
+
+TEST_F(Handle, SignalsReachTheirDestinationOrTheMatchingRule) {
+  TestServer listener(bus.address(), "tc.test.listener", {"type='signal',interface='tc.test.news'"});
+  ASSERT_EQ(listener.connect(), 0);
+  CDBusSignal broadcast("", "/tc/test", "tc.test.news", "headline");
+  broadcast.set_string("extra");
+  CDBusSignal direct(kPeer, "/tc/test", "tc.test.direct", "note");
+  ASSERT_EQ(client->send_signal(broadcast), 0);
+  ASSERT_EQ(client->send_signal(direct), 0);
+  auto has = [](TestServer& s, const std::string& member) {
+    for (auto& signal : s.signals) {
+      if (signal.get_member() == member) return true;
+    }
+    return false;
+  };
+  ASSERT_TRUE(listener.wait([&] { return has(listener, "headline"); }, 3000));
+  ASSERT_TRUE(peer->wait([&] { return has(*peer, "note"); }, 3000));
+  std::string text;
+  for (auto& signal : listener.read<std::vector<CDBusSignal>>([&] { return listener.signals; })) {
+    if (signal.get_member() == "headline") {
+      EXPECT_TRUE(signal.get_string(text));
+    }
+  }
+  EXPECT_EQ(text, "extra");
+}
+
+TEST_F(Handle, WatchdogIsFedEveryIntervalPlusOneSecondWithTwiceTheInterval) {
+  TestServer watchdog(bus.address(), "iot.gateway.watchdog");
+  ASSERT_EQ(watchdog.connect(), 0);
+  // The feeds among the signals the watchdog received (the bus sends its own too).
+  auto feeds = [&] {
+    std::vector<std::pair<CDBusSignal, steady_clock::time_point>> found;
+    for (size_t i = 0; i < watchdog.signals.size(); ++i) {
+      if (watchdog.signals[i].get_member() == "feedDog") found.push_back({watchdog.signals[i], watchdog.signal_times[i]});
+    }
+    return found;
+  };
+  client->disconnect();
+  client->set_watchdog("/iot/gateway/watchdog", "tc-test", 1);
+  const auto start = steady_clock::now();
+  ASSERT_EQ(client->connect(), 0);
+  ASSERT_TRUE(watchdog.wait([&] { return feeds().size() >= 3; }, 10000));
+  auto fed = watchdog.read<std::vector<std::pair<CDBusSignal, steady_clock::time_point>>>(feeds);
+  const long first = static_cast<long>(duration_cast<milliseconds>(fed[0].second - start).count());
+  EXPECT_GE(first, 1900);
+  EXPECT_LT(first, 4000);
+  for (size_t i = 1; i < 3; ++i) {
+    const long gap = static_cast<long>(duration_cast<milliseconds>(fed[i].second - fed[i - 1].second).count());
+    // About N + 1 = 2 s; delivery jitter on a busy machine widens the bounds.
+    EXPECT_GE(gap, 1500) << "feed " << i;
+    EXPECT_LT(gap, 3000) << "feed " << i;
+    RecordProperty("feed_gap_ms_" + std::to_string(i), static_cast<int>(gap));
+  }
+  CDBusSignal& feed = fed[0].first;
+  EXPECT_EQ(feed.get_interface(), "iot.gateway.watchdog");
+  EXPECT_EQ(feed.get_path(), "/iot/gateway/watchdog");
+  std::string name, text;
+  int32_t allowed = 0;
+  EXPECT_TRUE(feed.get_string(name) && feed.get_string(text) && feed.get_int32(allowed));
+  EXPECT_EQ(name, "tc.test.client");
+  EXPECT_EQ(text, "tc-test");
+  EXPECT_EQ(allowed, 2);
+
+  // Disconnecting disarms it: a new connection does not feed by itself.
+  client->disconnect();
+  ASSERT_EQ(client->connect(), 0);
+  const size_t count = watchdog.read<size_t>([&] { return feeds().size(); });
+  std::this_thread::sleep_for(milliseconds(2300));
+  EXPECT_EQ(watchdog.read<size_t>([&] { return feeds().size(); }), count);
+}
+
+TEST_F(Handle, BusKilledEndsTheReaderOnceAndLeavesBlockedCallsToTheirTimeOut) {
+  log.clear();
+  hold_calls();
+  CDBusMethodCall call = call_peer("hold");
+  auto blocked = std::async(std::launch::async, [&] {
+    CDBusMethodReturn reply;
+    const auto start = steady_clock::now();
+    const int32_t result = client->block_call(call, reply, 1500);
+    return std::make_pair(result, since_ms(start));
+  });
+  ASSERT_TRUE(wait_held(1));
+  bus.kill();
+  ASSERT_TRUE(client->wait([&] { return !client->errors.empty(); }, 3000));
+  const auto done = blocked.get();
+  EXPECT_EQ(done.first, -3) << "a call pending when the reader ends on its own waits out its time-out";
+  EXPECT_GE(done.second, 1400);
+  EXPECT_EQ(client->read<std::vector<int32_t>>([&] { return client->errors; }), std::vector<int32_t>{-1});
+  EXPECT_EQ(log.count("threadProc, dbus_connection_read_write bret:0."), 2u) << "client and peer";
+  EXPECT_EQ(log.count("threadProc, dbus end loop read message."), 2u) << log.dump();
+
+  // Nothing spins once the bus is gone.
+  const long cpu = cpu_ms();
+  std::this_thread::sleep_for(milliseconds(1000));
+  EXPECT_LT(cpu_ms() - cpu, 300) << "CPU time used while idle";
+  EXPECT_EQ(client->read<size_t>([&] { return client->errors.size(); }), 1u);
+
+  // disconnect() now does nothing; the bus coming back can be joined again.
+  log.clear();
+  client->disconnect();
+  EXPECT_TRUE(log.lines().empty()) << log.dump();
+  ASSERT_TRUE(bus.start(bus.socket_path())) << bus.error();
+  ASSERT_EQ(client->connect(), 0);
+  CDBusMethodCall absent("tc.test.absent", "/tc/test", "tc.test.iface", "ping");
+  CDBusMethodReturn reply;
+  EXPECT_EQ(client->block_call(absent, reply, 3000), -5) << "the bus itself answers again";
+}
+
+TEST_F(Handle, RepeatedConnectAndDisconnectKeepsWorking) {
+  peer->on_method([](CDBusMethodCall&, CDBusMethodReturn& reply, bool&) { reply.set_int32(1); });
+  for (int round = 0; round < 5; ++round) {
+    client->disconnect();
+    ASSERT_EQ(client->connect(), 0) << "round " << round;
+    CDBusMethodCall call = call_peer("ping");
+    CDBusMethodReturn reply;
+    int32_t value = 0;
+    ASSERT_EQ(client->block_call(call, reply, 3000), 0) << "round " << round;
+    EXPECT_TRUE(reply.get_int32(value));
+  }
+}
+
+}  // namespace
