@@ -1,0 +1,89 @@
+#pragma once
+// CSerialService: the serial bridge.  For every configured device it keeps a
+// local device file and one TCP connection to port 5656 of the remote
+// gateway, relays bytes both ways in frames, and repairs broken connections
+// in connect sweeps.  One thread, one edge-triggered epoll set.
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <string>
+
+#include "common/dbus/src/dbus_message.h"
+#include "common/platform/src/lock/Mutex.h"
+#include "common/platform/src/thread/Thread.h"
+#include "component/config_agent.h"
+#include "component/dbus_channel.h"
+#include "service/serial_device.h"
+#include "service/serial_device_config.h"
+
+namespace Zentrova {
+namespace Iot {
+namespace TransparentChannel {
+
+class CSerialService : public Platform::CThread {
+ public:
+  using Clock = uint64_t (*)();
+
+  // Registers "serial_port_connect_status" with the channel; no I/O.
+  CSerialService(Component::CDBusChannel* dbus_channel, Component::CConfigAgent* config_agent);
+  // Stops the thread, withdraws the status handler and releases every device
+  // (descriptors closed, links removed).
+  ~CSerialService() override;
+
+  // Reads and subscribes to "gw_tc_serial_devices", then starts the thread.
+  // True when running (at once when already so); false when the configuration
+  // could not be read or subscribed to.
+  bool start();
+  // Ends the loop.  Devices, sockets and links stay as they are.
+  void stop();
+  // Starts the loop on the configured list as it stands, without reading the
+  // configuration; start() ends here.  Tests feed the list through
+  // callback_config instead.
+  bool start_thread();
+
+  // Configuration change: replaces the configured list, then flags a reload.
+  void callback_config(const std::string& key, const std::string& value, int& result);
+  // "serial_port_connect_status": one coloured line per live device.
+  void serial_port_connect_status(DBus::CDBusMethodCall& call, DBus::CDBusMethodReturn& reply);
+
+  // Time source of every interval; tickMs unless a test sets another before
+  // the thread starts.
+  void set_clock(Clock clock) { m_clock = clock; }
+
+ protected:
+  void threadProc() override;
+
+ private:
+  using DeviceList = std::list<SerialDevice*>;
+
+  void reload_devices(int epfd, DeviceList& devices);
+  void do_connect(int epfd, DeviceList& devices);
+  void deal_connect(int epfd, DeviceList& devices, int fd);
+  void deal_message(int epfd, DeviceList& devices, int fd);
+  bool deal_device_message(SerialDevice* device);
+  void deal_error(int epfd, DeviceList& devices, int fd);
+  void check_keepalive(int epfd, DeviceList& devices, uint64_t now);
+
+  // Closes every descriptor of every live device and of the epoll set, removes
+  // the links and frees the records.
+  void release_devices();
+
+  Component::CDBusChannel* dbus_channel;
+  Component::CConfigAgent* config_agent;
+  SerialDeviceConfigList configured;
+  DeviceList devices;
+  std::atomic<bool> running{false};
+  std::atomic<bool> reload{false};
+
+  // Guards `configured` while it is replaced and while the service thread reads it.
+  Platform::CMutex m_configured_lock;
+  // Held while the service thread edits `devices` and while the status method walks it.
+  Platform::CMutex m_devices_lock;
+  int m_epoll_fd = -1;
+  Clock m_clock;
+};
+
+}  // namespace TransparentChannel
+}  // namespace Iot
+}  // namespace Zentrova

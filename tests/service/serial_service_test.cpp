@@ -1,0 +1,366 @@
+// The serial bridge's loop against in-test peers over real TCP, with real
+// pseudo-terminals.  The remote port is fixed, so this runs in its own network
+// namespace, one peer address per device (127.0.0.1, 127.0.0.2, ...).  The
+// configuration is fed through callback_config; the clock is the real tick
+// plus an offset that tests move forward to reach the 60 s and 30 s marks.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <functional>
+#include <random>
+#include <string>
+#include <thread>
+
+#include "common/platform/src/thread/Thread.h"
+#include "component/config_agent.h"
+#include "component/dbus_channel.h"
+#include "service/serial_service.h"
+#include "tests/service/serial_test_peer.h"
+#include "tests/support/log_capture.h"
+
+using namespace Zentrova::Iot::TransparentChannel;
+using Zentrova::Iot::Component::CConfigAgent;
+using Zentrova::Iot::Component::CDBusChannel;
+using Zentrova::Iot::DBus::CDBusMethodCall;
+using Zentrova::Iot::DBus::CDBusMethodReturn;
+using tc_test::Bytes;
+using tc_test::LogCaptureScope;
+using tc_test::PeerLink;
+using tc_test::TestPeer;
+
+namespace {
+
+std::atomic<uint64_t> g_offset{0};
+uint64_t test_clock() { return Zentrova::Iot::Platform::tickMs() + g_offset.load(); }
+
+const std::string kGreen = "\033[32m[";
+const std::string kYellow = "\033[33m[";
+
+std::string random_bytes(size_t n, unsigned seed) {
+  std::mt19937 random(seed);
+  std::string s(n, '\0');
+  for (char& c : s) c = static_cast<char>(random());
+  return s;
+}
+
+class SerialLoop : public testing::Test {
+ protected:
+  void SetUp() override {
+    char dir[] = "/tmp/serial-loop-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    m_dir = dir;
+    g_offset = 0;
+    service.set_clock(&test_clock);
+  }
+  void TearDown() override {
+    service.stop();
+    std::string cmd = "rm -rf " + m_dir;
+    ASSERT_EQ(system(cmd.c_str()), 0);
+  }
+
+  std::string path(int n) const { return m_dir + "/ttyV" + std::to_string(n); }
+  // Device n bridges path(n) to ttyS<n> at 127.0.0.<n>.
+  std::string item(int n, int baud = 9600) const {
+    return "{\"local_device\":\"" + path(n) + "\",\"remote_device\":{\"ip\":\"127.0.0." + std::to_string(n) +
+           "\",\"device\":\"ttyS" + std::to_string(n) + "\",\"baud_rate\":" + std::to_string(baud) +
+           ",\"data_bit\":8,\"stop_bit\":1,\"parity\":\"N\",\"flow_control\":0}}";
+  }
+  std::string settings(int n, int baud = 9600) const {
+    return path(n) + " 127.0.0." + std::to_string(n) + ":ttyS" + std::to_string(n) + " " + std::to_string(baud) +
+           ":8:1:N:0";
+  }
+  void configure(const std::string& value) {
+    int result = 0;
+    service.callback_config("gw_tc_serial_devices", value, result);
+  }
+  // The first list goes in before the thread starts: a change that lands
+  // just after the first pass would reload again, and a reload sweeps again.
+  void begin(const std::string& value) {
+    configure(value);
+    ASSERT_TRUE(service.start_thread());
+  }
+  std::string status() {
+    CDBusMethodCall call("", "/iot/gateway/transparentchannel", "", "serial_port_connect_status");
+    CDBusMethodReturn reply(call);
+    bool send = true;
+    channel.message_method(call, reply, send);
+    std::string text = "<no reply>";
+    reply.get_string(text);
+    return text;
+  }
+  std::string line(int n, bool up) const {
+    return (up ? kGreen : kYellow) + path(n) + "] <--> [127.0.0." + std::to_string(n) + ":ttyS" + std::to_string(n) +
+           (up ? "], Connect Successfully\033[0m\n" : "], Connect Failed\033[0m\n");
+  }
+  bool wait_status(const std::string& expected, int timeout_ms = 5000) {
+    for (int waited = 0; waited < timeout_ms; waited += 20) {
+      if (status() == expected) return true;
+      usleep(20000);
+    }
+    return false;
+  }
+  // The next connect sweep, and the keep-alive check with it.
+  void advance(uint64_t ms) { g_offset += ms; }
+  bool is_link(int n) const {
+    struct stat st {};
+    return lstat(path(n).c_str(), &st) == 0 && S_ISLNK(st.st_mode);
+  }
+  // A line that starts and ends as given, with the socket descriptor between.
+  bool has_fd_line(const std::string& head, const std::string& tail) {
+    for (const auto& l : log.lines()) {
+      if (l.text.size() > head.size() + tail.size() && l.text.compare(0, head.size(), head) == 0 &&
+          l.text.compare(l.text.size() - tail.size(), tail.size(), tail) == 0 &&
+          l.text.find_first_not_of("0123456789", head.size()) == l.text.size() - tail.size()) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+  LogCaptureScope log;
+  CDBusChannel channel{"unix:path=/nonexistent", "iot.gateway.transparentchannel", "/iot/gateway/transparentchannel",
+                       {}};
+  CConfigAgent agent{&channel, "iot.gateway.transparentchannel"};
+  CSerialService service{&channel, &agent};
+  std::string m_dir;
+};
+
+TEST_F(SerialLoop, BytesCrossBothWaysUnchanged) {
+  EXPECT_EQ(status(), "");
+  TestPeer peer("127.0.0.1");
+  ASSERT_TRUE(peer.listening());
+  begin("[" + item(1) + "]");
+  ConnectRequest request{};
+  std::unique_ptr<PeerLink> link = peer.establish(&request);
+  ASSERT_TRUE(link);
+  EXPECT_STREQ(request.device, "ttyS1");
+  EXPECT_EQ(request.baud_rate, 9600u);
+  ASSERT_TRUE(wait_status(line(1, true))) << status();
+  EXPECT_TRUE(log.contains("add device, " + settings(1)));
+  EXPECT_TRUE(has_fd_line("deal message, response code:0, message:ok, fd:",
+                          ", local_device:" + path(1) + ", remote_device:127.0.0.1:ttyS1"));
+  const int tty = tc_test::open_raw(path(1));
+  ASSERT_GE(tty, 0);
+
+  // Several frames in one segment, then one frame cut inside its header.
+  Bytes batch = tc_test::make_frame(1, "");
+  for (const char* part : {"ab", "cd"}) {
+    const Bytes f = tc_test::make_frame(0, part);
+    batch.insert(batch.end(), f.begin(), f.end());
+  }
+  ASSERT_TRUE(link->send_bytes(batch));
+  const Bytes split = tc_test::make_frame(0, "efgh");
+  for (const Bytes& piece : {Bytes(split.begin(), split.begin() + 2), Bytes(split.begin() + 2, split.begin() + 5),
+                             Bytes(split.begin() + 5, split.end())}) {
+    ASSERT_TRUE(link->send_bytes(piece));
+    usleep(30000);
+  }
+  EXPECT_EQ(tc_test::read_fd(tty, 8), "abcdefgh");
+
+  // A few hundred KB each way at once.  The service sends and writes without
+  // queueing, as a serial line's pace allows; here both sides keep at most a
+  // few KB in flight instead.
+  const size_t kSize = 300 * 1024;
+  const std::string up = random_bytes(kSize, 1);
+  const std::string down = random_bytes(kSize, 2);
+  std::atomic<size_t> arrived_up{0};
+  std::atomic<size_t> arrived_down{0};
+  const auto paced = [](const std::string& data, const std::atomic<size_t>& arrived, size_t window,
+                        const std::function<bool(const std::string&)>& send) {
+    std::mt19937 random(3);
+    const uint64_t end = Zentrova::Iot::Platform::tickMs() + 60000;
+    for (size_t sent = 0; sent < data.size() && Zentrova::Iot::Platform::tickMs() < end;) {
+      if (sent - arrived.load() > window) {
+        usleep(200);
+        continue;
+      }
+      const size_t n = std::min<size_t>(random() % 1468 + 1, data.size() - sent);
+      if (!send(data.substr(sent, n))) return;
+      sent += n;
+    }
+  };
+  std::thread writer(paced, std::cref(up), std::cref(arrived_up), 4096,
+                     [&](const std::string& chunk) { return tc_test::write_fd(tty, chunk); });
+  std::thread sender(paced, std::cref(down), std::cref(arrived_down), 2048,
+                     [&](const std::string& chunk) { return link->send_frame(0, chunk); });
+  std::string received_down;
+  std::thread reader([&] {
+    const uint64_t end = Zentrova::Iot::Platform::tickMs() + 60000;
+    while (received_down.size() < kSize && Zentrova::Iot::Platform::tickMs() < end) {
+      received_down += tc_test::read_some(tty, 100);
+      arrived_down = received_down.size();
+    }
+  });
+  std::string received_up;
+  Bytes frame;
+  while (received_up.size() < kSize && link->read_frame(frame, 10000)) {
+    received_up.append(frame.begin() + 4, frame.end());
+    arrived_up = received_up.size();
+  }
+  writer.join();
+  sender.join();
+  reader.join();
+  EXPECT_TRUE(received_up == up) << received_up.size() << " of " << kSize << " bytes up";
+  EXPECT_TRUE(received_down == down) << received_down.size() << " of " << kSize << " bytes down";
+  EXPECT_EQ(log.count_prefix("deal error"), 0u);
+  EXPECT_EQ(status(), line(1, true));
+  close(tty);
+}
+
+TEST_F(SerialLoop, MalformedFramesCloseOnlyThatConnection) {
+  TestPeer peer("127.0.0.1");
+  begin("[" + item(1) + "]");
+  const std::string where = "remote_device:127.0.0.1:ttyS1";
+  const std::string header = "deal message, message header error, magic: ";
+  const std::string type = "deal message, message type error, magic: 0xa5, type: ";
+  const struct {
+    const char* name;
+    bool answer_first;  // establish before sending the bad bytes
+    Bytes bytes;
+    std::string line;
+  } cases[] = {
+      {"bad magic", false, {0xA4, 0, 8, 0, 1, 2, 3, 4}, header + "0xa4, type: 0, len: 8"},
+      {"len 3", true, {0xA5, 0, 3, 0}, header + "0xa5, type: 0, len: 3"},
+      {"len 1473", true, {0xA5, 0, 0xC1, 0x05}, header + "0xa5, type: 0, len: 1473"},
+      {"data before the response", false, tc_test::make_frame(0, "x"), type + "0, len: 5"},
+      {"keep-alive before the response", false, tc_test::make_frame(1, ""), type + "1, len: 4"},
+      {"short response", false, tc_test::make_frame(200, std::string(263, '\0')), type + "200, len: 267"},
+      {"second response", true, tc_test::make_frame(200, std::string(264, '\0')), type + "200, len: 268"},
+      {"empty data frame", true, tc_test::make_frame(0, ""), type + "0, len: 4"},
+  };
+  ASSERT_TRUE(log.wait_for("add device, " + settings(1), 5000));
+  const int tty = tc_test::open_raw(path(1));
+  ASSERT_GE(tty, 0);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::unique_ptr<PeerLink> link = peer.accept();
+    ConnectRequest request{};
+    ASSERT_TRUE(link && link->read_request(request));
+    if (c.answer_first) {
+      ASSERT_TRUE(link->send_response(0, "ok"));
+      ASSERT_TRUE(wait_status(line(1, true)));
+    }
+    ASSERT_TRUE(link->send_bytes(c.bytes));
+    EXPECT_TRUE(log.wait_for(c.line, 5000)) << log.dump();
+    EXPECT_TRUE(link->wait_closed());
+    EXPECT_TRUE(log.wait_for("deal error, " + settings(1), 5000));
+    EXPECT_TRUE(wait_status(line(1, false)));
+    EXPECT_TRUE(is_link(1));
+    EXPECT_TRUE(tc_test::write_fd(tty, "typed while down"));
+    log.clear();
+    advance(61000);
+  }
+
+  // A refusal ends the same way, with the remote side's reason in the log;
+  // text that fills its frame without a terminator is printed up to the end.
+  std::unique_ptr<PeerLink> link = peer.accept();
+  ConnectRequest request{};
+  ASSERT_TRUE(link && link->read_request(request));
+  ASSERT_TRUE(link->send_response(5, std::string(288, 'r'), 300));
+  EXPECT_TRUE(link->wait_closed());
+  EXPECT_TRUE(has_fd_line("deal message, response code:5, message:" + std::string(288, 'r') + ", fd:",
+                          ", local_device:" + path(1) + ", " + where))
+      << log.dump();
+  EXPECT_TRUE(is_link(1));
+
+  // The data typed while down was dropped; what is typed now goes through.
+  advance(61000);
+  link = peer.establish();
+  ASSERT_TRUE(link);
+  ASSERT_TRUE(wait_status(line(1, true)));
+  ASSERT_TRUE(tc_test::write_fd(tty, "fresh"));
+  EXPECT_EQ(link->read_data(5), "fresh");
+  close(tty);
+}
+
+TEST_F(SerialLoop, ChangingOneDeviceOfThreeLeavesTheOthersUp) {
+  TestPeer peers[3] = {TestPeer("127.0.0.1"), TestPeer("127.0.0.2"), TestPeer("127.0.0.3")};
+  begin("[" + item(1) + "," + item(2) + "," + item(3) + "]");
+  std::unique_ptr<PeerLink> links[3];
+  for (int i = 0; i < 3; ++i) ASSERT_TRUE(links[i] = peers[i].establish());
+  ASSERT_TRUE(wait_status(line(1, true) + line(2, true) + line(3, true))) << status();
+  int ttys[3];
+  for (int i = 0; i < 3; ++i) ASSERT_GE(ttys[i] = tc_test::open_raw(path(i + 1)), 0);
+
+  log.clear();
+  configure("[" + item(1) + "," + item(2, 19200) + "," + item(3) + "]");
+  EXPECT_TRUE(links[1]->wait_closed());
+  ConnectRequest request{};
+  std::unique_ptr<PeerLink> renewed = peers[1].establish(&request);
+  ASSERT_TRUE(renewed);
+  EXPECT_EQ(request.baud_rate, 19200u);
+  // The re-made device joins the end of the list.
+  EXPECT_TRUE(wait_status(line(1, true) + line(3, true) + line(2, true))) << status();
+  EXPECT_EQ(log.count("delete device, " + settings(2)), 1u);
+  EXPECT_EQ(log.count("add device, " + settings(2, 19200)), 1u);
+  EXPECT_EQ(log.count_prefix("delete device"), 1u) << log.dump();
+  EXPECT_EQ(log.count_prefix("add device"), 1u);
+
+  // The untouched devices still carry data both ways on their first connection.
+  ASSERT_TRUE(tc_test::write_fd(ttys[0], "one"));
+  EXPECT_EQ(links[0]->read_data(3), "one");
+  ASSERT_TRUE(links[2]->send_frame(0, "three"));
+  EXPECT_EQ(tc_test::read_fd(ttys[2], 5), "three");
+  close(ttys[1]);
+  ASSERT_GE(ttys[1] = tc_test::open_raw(path(2)), 0);  // the new link leads to the new device
+  ASSERT_TRUE(tc_test::write_fd(ttys[1], "two"));
+  EXPECT_EQ(renewed->read_data(3), "two");
+
+  // A value that is not JSON takes every device and link away.
+  configure("[{\"local_device\":");
+  for (auto& link : {links[0].get(), renewed.get(), links[2].get()}) EXPECT_TRUE(link->wait_closed());
+  EXPECT_TRUE(wait_status(""));
+  for (int n = 1; n <= 3; ++n) EXPECT_FALSE(is_link(n)) << n;
+  EXPECT_EQ(log.count_prefix("delete device"), 4u);
+  for (int tty : ttys) close(tty);
+}
+
+TEST_F(SerialLoop, SilentPeerIsReconnectedAtTheNextSweep) {
+  TestPeer peer("127.0.0.1");
+  begin("[" + item(1) + "]");
+  std::unique_ptr<PeerLink> first = peer.accept();
+  ConnectRequest request{};
+  ASSERT_TRUE(first && first->read_request(request));
+  EXPECT_TRUE(log.wait_for("deal connect, " + settings(1), 5000));
+  EXPECT_EQ(status(), line(1, false));
+  // No answer: nothing happens before the sweep...
+  EXPECT_FALSE(first->wait_closed(1500));
+  // ...which replaces the connection.
+  advance(61000);
+  EXPECT_TRUE(first->wait_closed());
+  std::unique_ptr<PeerLink> second = peer.accept();
+  ASSERT_TRUE(second && second->read_request(request));
+  EXPECT_EQ(log.count("do connect, " + settings(1)), 2u);
+}
+
+TEST_F(SerialLoop, MissingKeepalivesDropTheLinkAfterThirtySeconds) {
+  TestPeer peer("127.0.0.1");
+  begin("[" + item(1) + "]");
+  std::unique_ptr<PeerLink> link = peer.establish();
+  ASSERT_TRUE(link);
+  ASSERT_TRUE(wait_status(line(1, true)));
+  const std::string interval = "check keepalive, [127.0.0.1:ttyS1] --> [" + path(1) + "], interval: 2";
+  const std::string timeout = "check keepalive, keepalive timeout [127.0.0.1:ttyS1] --> [" + path(1) + "]";
+
+  advance(25000);
+  EXPECT_TRUE(log.wait_for_prefix(interval, 5000)) << log.dump();
+  ASSERT_TRUE(link->send_frame(1, ""));
+  ASSERT_TRUE(log.wait_for("deal keepalive message, [127.0.0.1:ttyS1] --> [" + path(1) + "]", 5000));
+  advance(25000);  // 50 s after the response, 25 s after the keep-alive
+  EXPECT_TRUE(log.wait_for_prefix(interval, 5000, 2)) << log.dump();
+  EXPECT_EQ(log.count(timeout), 0u);
+  EXPECT_FALSE(link->wait_closed(200));
+
+  advance(11000);  // 36 s after the keep-alive
+  EXPECT_TRUE(log.wait_for(timeout, 5000)) << log.dump();
+  EXPECT_TRUE(link->wait_closed());
+  EXPECT_TRUE(wait_status(line(1, false)));
+  advance(61000);
+  EXPECT_TRUE(peer.establish());
+}
+
+}  // namespace

@@ -1,0 +1,279 @@
+// tc-serial-peer as a child process, with pseudo-terminals standing in for the
+// remote serial ports: first against a raw test client, then end to end with
+// the service's bridge.  Isolated: the bridge's remote port is fixed.
+
+#include <gtest/gtest.h>
+#include <pty.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/platform/src/thread/Thread.h"
+#include "component/config_agent.h"
+#include "component/dbus_channel.h"
+#include "service/serial_device_config.h"
+#include "service/serial_frame.h"
+#include "service/serial_service.h"
+#include "tests/service/serial_test_peer.h"
+#include "tests/support/child_process.h"
+#include "tests/support/log_capture.h"
+
+using namespace Zentrova::Iot::TransparentChannel;
+using tc_test::Bytes;
+using tc_test::ChildProcess;
+using tc_test::PeerLink;
+
+namespace {
+
+const std::string kPeer = TC_BINARY_DIR "/tools/tc-serial-peer/tc-serial-peer";
+
+// A pseudo-terminal whose slave plays the remote serial port; the test holds
+// the master, the far end of that "cable".
+struct RemotePort {
+  RemotePort() {
+    char name[256] = {};
+    int slave = -1;
+    EXPECT_EQ(openpty(&master, &slave, name, nullptr, nullptr), 0);
+    close(slave);
+    path = name;
+  }
+  ~RemotePort() { close(master); }
+  int master = -1;
+  std::string path;
+};
+
+std::unique_ptr<ChildProcess> run_peer(std::vector<std::string> args) {
+  args.insert(args.begin(), kPeer);
+  auto peer = std::make_unique<ChildProcess>(args);
+  EXPECT_TRUE(peer->wait_for_line("listening on", 10000)) << peer->output();
+  return peer;
+}
+
+Bytes request(const std::string& device, uint32_t baud = 115200, int data_bit = 8, int stop_bit = 1,
+              const std::string& parity = "N", int flow = 0) {
+  SerialDeviceConfig c;
+  c.device = device;
+  c.baud_rate = baud;
+  c.data_bit = static_cast<int8_t>(data_bit);
+  c.stop_bit = static_cast<int8_t>(stop_bit);
+  c.parity = parity;
+  c.flow_control = static_cast<int8_t>(flow);
+  Bytes frame(kConnectRequestSize);
+  build_connect_request(c, frame.data());
+  return frame;
+}
+
+// Sends the request and reads the answer: its code and message.
+std::unique_ptr<PeerLink> open_port(const Bytes& req, int32_t& code, std::string& message) {
+  auto link = tc_test::connect_to("127.0.0.1", 5656);
+  Bytes answer;
+  code = -1000;
+  if (!link || !link->send_bytes(req) || !link->read_frame(answer) || answer[1] != kFrameConnectResponse) {
+    return nullptr;
+  }
+  char text[kFrameMaxSize];
+  read_connect_response(answer.data(), answer.size(), code, text, sizeof text);
+  message = text;
+  return link;
+}
+
+TEST(SerialPeer, HelpAndUsage) {
+  ChildProcess help({kPeer, "--help"});
+  int status = 0;
+  ASSERT_TRUE(help.wait_exit(5000, &status));
+  EXPECT_EQ(tc_test::exit_code(status), 0);
+  for (const char* word : {"--bind", "--port", "--keepalive", "5656", "--fault"}) {
+    EXPECT_NE(help.output().find(word), std::string::npos) << word;
+  }
+  ChildProcess bad({kPeer, "--port", "0"});
+  ASSERT_TRUE(bad.wait_exit(5000, &status));
+  EXPECT_EQ(tc_test::exit_code(status), 2);
+}
+
+TEST(SerialPeer, OpensThePortAsAskedAndRelays) {
+  auto peer = run_peer({"--bind", "127.0.0.1", "--keepalive", "1"});
+  RemotePort port;
+  int32_t code = 0;
+  std::string message;
+  auto link = open_port(request(port.path, 19200, 7, 2, "E", 1), code, message);
+  ASSERT_TRUE(link);
+  EXPECT_EQ(code, 0);
+  EXPECT_EQ(message, "opened " + port.path + " 19200 7E2 rtscts");
+
+  // The master reports the slave's settings; a pseudo-terminal keeps the
+  // speed, stop bits and flow control but always says 8 bits, no parity.
+  termios tio{};
+  ASSERT_EQ(tcgetattr(port.master, &tio), 0);
+  EXPECT_EQ(cfgetospeed(&tio), B19200);
+  EXPECT_EQ(cfgetispeed(&tio), B19200);
+  EXPECT_TRUE(tio.c_cflag & CSTOPB);
+  EXPECT_TRUE(tio.c_cflag & CRTSCTS);
+  EXPECT_FALSE(tio.c_lflag & (ICANON | ECHO));
+
+  ASSERT_TRUE(link->send_frame(kFrameData, std::string("to\0port\r\n", 9)));
+  EXPECT_EQ(tc_test::read_fd(port.master, 9), std::string("to\0port\r\n", 9));
+  ASSERT_TRUE(tc_test::write_fd(port.master, "from port\n"));
+  EXPECT_EQ(link->read_data(10), "from port\n");
+
+  // Keep-alives come on their own, about a second apart.
+  Bytes f;
+  std::vector<uint64_t> at;
+  while (at.size() < 2 && link->read_frame(f, 5000)) {
+    if (f[1] == kFrameKeepalive) at.push_back(Zentrova::Iot::Platform::tickMs());
+  }
+  ASSERT_EQ(at.size(), 2u);
+  EXPECT_GE(at[1] - at[0], 500u);
+}
+
+TEST(SerialPeer, RefusalsCarryTheReason) {
+  auto peer = run_peer({"--bind", "127.0.0.1"});
+  RemotePort port;
+  const struct {
+    Bytes req;
+    int32_t code;
+    std::string message;
+  } cases[] = {
+      {request("/dev/tc-no-such-port"), 2, "/dev/tc-no-such-port: No such file or directory"},
+      {request("tc-no-such-port"), 2, "/dev/tc-no-such-port: No such file or directory"},
+      {request("/dev/null"), 25, "/dev/null: Inappropriate ioctl for device"},
+      {request(port.path, 12345), 22, "unsupported baud rate 12345"},
+      {request(port.path, 9600, 9), 22, "unsupported data bits 9"},
+      {request(port.path, 9600, 8, 3), 22, "unsupported stop bits 3"},
+      {request(port.path, 9600, 8, 1, "M"), 22, "unsupported parity"},
+  };
+  for (const auto& c : cases) {
+    int32_t code = 0;
+    std::string message;
+    auto link = open_port(c.req, code, message);
+    ASSERT_TRUE(link) << c.message;
+    EXPECT_EQ(code, c.code);
+    EXPECT_EQ(message, c.message);
+    EXPECT_TRUE(link->wait_closed());
+  }
+}
+
+TEST(SerialPeer, ABadClientLosesOnlyItsOwnConnection) {
+  auto peer = run_peer({"--bind", "127.0.0.1", "--keepalive", "0"});
+  constexpr int kPorts = 8;
+  std::vector<std::unique_ptr<RemotePort>> ports;
+  std::vector<std::unique_ptr<PeerLink>> links;
+  for (int i = 0; i < kPorts; ++i) {
+    ports.push_back(std::make_unique<RemotePort>());
+    int32_t code = -1;
+    std::string message;
+    links.push_back(open_port(request(ports[i]->path), code, message));
+    ASSERT_TRUE(links[i]);
+    ASSERT_EQ(code, 0) << message;
+  }
+  // Bad header, a frame out of place, an empty data frame, data before any request.
+  ASSERT_TRUE(links[0]->send_bytes({0x5A, 0, 8, 0, 1, 2, 3, 4}));
+  ASSERT_TRUE(links[1]->send_bytes(request(ports[1]->path)));
+  ASSERT_TRUE(links[2]->send_frame(kFrameData, ""));
+  auto early = tc_test::connect_to("127.0.0.1", 5656);
+  ASSERT_TRUE(early && early->send_frame(kFrameData, "x"));
+  for (PeerLink* gone : {links[0].get(), links[1].get(), links[2].get(), early.get()}) {
+    EXPECT_TRUE(gone->wait_closed());
+  }
+  for (const char* line : {"bad frame header (magic 0x5a, type 0, len 8), closing",
+                           "unexpected frame (magic 0xa5, type 100, len 272), closing",
+                           "unexpected frame (magic 0xa5, type 0, len 4), closing",
+                           "unexpected frame (magic 0xa5, type 0, len 5), closing"}) {
+    EXPECT_TRUE(peer->wait_for_line(line, 5000)) << line << "\n" << peer->output();
+    EXPECT_EQ(peer->count_lines(line), 1u) << line;
+  }
+
+  // Every other connection relays its own bytes both ways.
+  for (int i = 3; i < kPorts; ++i) {
+    const std::string down = "down" + std::to_string(i);
+    const std::string up = "up" + std::to_string(i);
+    ASSERT_TRUE(links[i]->send_frame(kFrameData, down));
+    ASSERT_TRUE(tc_test::write_fd(ports[i]->master, up));
+    EXPECT_EQ(tc_test::read_fd(ports[i]->master, down.size()), down);
+    EXPECT_EQ(links[i]->read_data(up.size()), up);
+  }
+
+  // A new client of a port in use takes it over from the older connection.
+  int32_t code = -1;
+  std::string message;
+  auto again = open_port(request(ports[3]->path), code, message);
+  ASSERT_TRUE(again);
+  EXPECT_EQ(code, 0);
+  EXPECT_TRUE(links[3]->wait_closed());
+  ASSERT_TRUE(tc_test::write_fd(ports[3]->master, "new owner"));
+  EXPECT_EQ(again->read_data(9), "new owner");
+}
+
+TEST(SerialPeer, GarbageFaultBreaksTheStream) {
+  auto peer = run_peer({"--bind", "127.0.0.1", "--fault", "garbage", "--fault-chance", "100", "--seed", "1"});
+  RemotePort port;
+  int32_t code = -1;
+  std::string message;
+  auto link = open_port(request(port.path), code, message);
+  ASSERT_TRUE(link);
+  EXPECT_EQ(link->read_bytes(16, 5000).at(0), 0x5A);  // not a frame: no magic
+  EXPECT_TRUE(peer->wait_for_line("inject_faults, garbage to fd", 1000));
+}
+
+// The whole bridge: a local device file of the service, tc-serial-peer, and
+// a remote "serial port" that echoes what it receives.
+TEST(SerialBridge, BytesTypedLocallyComeBackFromTheRemotePort) {
+  tc_test::LogCaptureScope log;
+  auto peer = run_peer({"--bind", "127.0.0.1", "--keepalive", "1"});
+  RemotePort port;
+  char dir[] = "/tmp/serial-e2e-XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  const std::string local = std::string(dir) + "/ttyBridge";
+
+  Zentrova::Iot::Component::CDBusChannel channel("unix:path=/nonexistent", "iot.gateway.transparentchannel",
+                                                 "/iot/gateway/transparentchannel", {});
+  Zentrova::Iot::Component::CConfigAgent agent(&channel, "iot.gateway.transparentchannel");
+  CSerialService service(&channel, &agent);
+  int result = 0;
+  service.callback_config("gw_tc_serial_devices",
+                          "[{\"local_device\":\"" + local + "\",\"remote_device\":{\"ip\":\"127.0.0.1\",\"device\":\"" +
+                              port.path +
+                              "\",\"baud_rate\":115200,\"data_bit\":8,\"stop_bit\":1,\"parity\":\"N\","
+                              "\"flow_control\":0}}]",
+                          result);
+  ASSERT_TRUE(service.start_thread());
+  ASSERT_TRUE(log.wait_for_prefix("deal message, response code:0, message:opened " + port.path, 10000))
+      << log.dump() << peer->output();
+  const int tty = tc_test::open_raw(local);
+  ASSERT_GE(tty, 0);
+
+  std::atomic<bool> done{false};
+  std::thread echo([&] {
+    while (!done.load()) {
+      const std::string got = tc_test::read_some(port.master, 100);
+      if (!got.empty()) tc_test::write_fd(port.master, got);
+    }
+  });
+  // Typed in pieces no bigger than a line would carry between two reads.
+  std::mt19937 random(5);
+  std::string sent;
+  std::string back;
+  while (sent.size() < 64 * 1024) {
+    std::string piece(random() % 512 + 1, '\0');
+    for (char& c : piece) c = static_cast<char>(random());
+    ASSERT_TRUE(tc_test::write_fd(tty, piece));
+    sent += piece;
+    back += tc_test::read_fd(tty, sent.size() - back.size(), 5000);
+    ASSERT_EQ(back.size(), sent.size());
+  }
+  done = true;
+  echo.join();
+  EXPECT_TRUE(back == sent);
+  EXPECT_TRUE(log.wait_for_prefix("deal keepalive message, [127.0.0.1:" + port.path + "]", 5000));
+  EXPECT_EQ(log.count_prefix("deal error"), 0u);
+  close(tty);
+  service.stop();
+  rmdir(dir);
+}
+
+}  // namespace
