@@ -1,0 +1,67 @@
+#pragma once
+// CLoraNode: pushes the class-C radio settings and the list of ABP nodes to
+// the LoRa node service on this host, one blocking request/answer exchange at
+// a time over UDP.  No thread of its own: it runs on the thread that calls it
+// (the main thread at start, the notification thread afterwards).
+
+#include <json/json.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "common/platform/src/lock/Mutex.h"
+#include "component/config_agent.h"
+
+namespace Zentrova {
+namespace Iot {
+namespace TransparentChannel {
+
+class CLoraNode {
+ public:
+  // The agent is not owned and must outlive this object.  No I/O here.
+  explicit CLoraNode(Component::CConfigAgent* agent);
+  // Closes the socket if close_socket() was not called.
+  ~CLoraNode();
+  CLoraNode(const CLoraNode&) = delete;
+  CLoraNode& operator=(const CLoraNode&) = delete;
+
+  // 1 done; 0 failed (socket released), retry.  Sends the configured RF
+  // settings and node list; an empty value sends nothing.
+  int start();
+  // Safe when never started.
+  void close_socket();
+
+  // Forwarded changes of the LoRa keys.  Returns the RF outcome (1 accepted)
+  // for "gw_tc_loralan_rf", 0 for every other key.
+  int config_change_callback(const std::string& key, const std::string& value, int& extra);
+
+  // An empty value sends the default settings.
+  bool deal_rf_change_config(const std::string& value);
+  bool set_rf(const Json::Value& settings);
+  // Replaces the node service's list: an empty "sync", then the nodes in
+  // batches of 100, the first as "sync" and the rest as "add".
+  bool deal_node_change_config(const std::string& value);
+  bool sync_abp_node(const Json::Value& nodes);
+  bool add_abp_node(const Json::Value& nodes);
+
+  // One request and its answer (at most 1024 bytes, 10 s); late answers to
+  // earlier requests are thrown away first.
+  bool udp_node_send_and_recv(int fd, const std::string& request, std::string& response);
+  void clear_node_socket(int fd);
+
+  bool rf_ready() const { return m_rf_ready; }
+
+ private:
+  bool abp_node_request(const char* method, const Json::Value& nodes);
+
+  Component::CConfigAgent* m_agent;
+  std::atomic<bool> m_rf_ready{false};
+  std::atomic<int> m_socket{-1};
+  // Start and a notification may overlap; each answer must meet its request.
+  Platform::CMutex m_exchange_lock;
+};
+
+}  // namespace TransparentChannel
+}  // namespace Iot
+}  // namespace Zentrova

@@ -1,0 +1,41 @@
+#pragma once
+// CNodeServiceSim: the LoRa node service side of the simulator.  Listens on
+// 127.0.0.1:16058, describes every request in one line and answers it with
+// {"result":N} (or not at all).
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/tc-lora-sim/udp_endpoint.h"
+
+namespace Zentrova {
+namespace Iot {
+namespace Tools {
+
+class CNodeServiceSim {
+ public:
+  static constexpr uint16_t kPort = 16058;
+
+  bool open() { return m_endpoint.open(kPort); }
+  int fd() const { return m_endpoint.fd(); }
+  const std::string& error() const { return m_endpoint.error(); }
+
+  // The code every request is answered with; none keeps silent.
+  void set_answer(std::optional<int32_t> result) { m_answer = result; }
+  // Handles every waiting request, one line each.
+  void serve(std::vector<std::string>& lines);
+
+  // "node set_rf RX2Frequency=... TxPower=... SF=..." or
+  // "node sync count=N devEui=A,B,..." (keys are left out).
+  static std::string describe(const std::string& request);
+
+ private:
+  CUdpEndpoint m_endpoint;
+  std::optional<int32_t> m_answer = 0;
+};
+
+}  // namespace Tools
+}  // namespace Iot
+}  // namespace Zentrova
