@@ -1,4 +1,5 @@
-// transparent-channel: process entry, signals and the exit wait.
+// transparent-channel: process entry, signals, the exit wait, and the
+// building, starting, stopping and destroying of every component.
 
 #include <signal.h>
 #include <string.h>
@@ -8,15 +9,44 @@
 #include <cerrno>
 #include <initializer_list>
 
+#include <exception>
+#include <string>
+#include <vector>
+
 #include "common/log/log.h"
 #include "common/platform/src/lock/semaphore.h"
+#include "component/config_agent.h"
+#include "component/dbus_channel.h"
+#include "service/lora_lan.h"
+#include "service/lora_node.h"
+#include "service/serial_service.h"
 
+using Zentrova::Iot::Component::CConfigAgent;
+using Zentrova::Iot::Component::CConfigCallback;
+using Zentrova::Iot::Component::CDBusChannel;
+using Zentrova::Iot::Component::CDBusErrorCallback;
 using Zentrova::Iot::Platform::CSemaphore;
+using Zentrova::Iot::TransparentChannel::CLoraLan;
+using Zentrova::Iot::TransparentChannel::CLoraNode;
+using Zentrova::Iot::TransparentChannel::CSerialService;
 
 namespace {
 
 std::atomic<bool> g_running{true};
 CSemaphore g_exit_semaphore(0);
+
+const char* const kBusAddress = "unix:path=/tmp/var/run/mbusd/mbusd_socket";
+const char* const kBusName = "iot.gateway.transparentchannel";
+const char* const kObjectPath = "/iot/gateway/transparentchannel";
+constexpr uint32_t kRetryMs = 1000;
+constexpr int32_t kSubscribeMode = 1;
+constexpr uint32_t kSubscribeTimeoutMs = 3000;
+
+CDBusChannel* g_dbus_channel = nullptr;
+CConfigAgent* g_config_agent = nullptr;
+CLoraLan* g_lora_lan = nullptr;
+CLoraNode* g_lora_node = nullptr;
+CSerialService* g_serial_service = nullptr;
 
 // strsignal() may allocate and lock, so its texts are taken once, before any
 // handler is installed, and the handler only copies them.
@@ -29,6 +59,8 @@ void copy_text(char* to, size_t cap, size_t& len, const char* from) {
 }
 
 void install_signal_handlers();
+void startup_sequence();
+void shutdown_sequence();
 
 }  // namespace
 
@@ -51,14 +83,23 @@ void system_signal_handler(int sig) {
   errno = saved_errno;
 }
 
+void dbus_error_callback(int32_t /*code*/) { service_exit(); }
+
+void loralan_config_callback(const std::string& key, const std::string& value, int& extra) {
+  g_lora_lan->config_change_callback(key, value, extra);
+  g_lora_node->config_change_callback(key, value, extra);
+}
+
 int start() {
   g_running.store(true);
+  startup_sequence();
 
   while (g_running.load()) {
     TC_LOG(1, "start, transparent-channel startup success.");
     g_exit_semaphore.wait(0);
   }
 
+  shutdown_sequence();
   return 1;
 }
 
@@ -72,6 +113,71 @@ int main(int /*argc*/, char** /*argv*/) {
 }
 
 namespace {
+
+// One start attempt; an exception (a configuration value that cannot be
+// converted, say) counts as a failed attempt instead of ending the process.
+template <typename Attempt>
+bool attempt_start(const char* component, Attempt attempt) {
+  try {
+    return attempt();
+  } catch (const std::exception& e) {
+    TC_LOG(3, "start, %s start raised an error: %s", component, e.what());
+  } catch (...) {
+    TC_LOG(3, "start, %s start raised an unknown error", component);
+  }
+  return false;
+}
+
+// Retries a component's start every second until it succeeds or the service
+// is told to exit; a signal ends the pause at once.
+template <typename Attempt>
+void start_loop(const char* component, const char* fail_text, Attempt attempt) {
+  while (g_running.load() && !attempt_start(component, attempt)) {
+    log_print(2, nullptr, nullptr, __FILE__, "start", __LINE__, "%s", fail_text);
+    g_exit_semaphore.wait(kRetryMs);
+  }
+}
+
+void startup_sequence() {
+  g_dbus_channel = new CDBusChannel(kBusAddress, kBusName, kObjectPath, std::vector<std::string>());
+  g_config_agent = new CConfigAgent(g_dbus_channel, kBusName);
+  g_lora_lan = new CLoraLan(g_config_agent);
+  g_lora_node = new CLoraNode(g_config_agent);
+  g_serial_service = new CSerialService(g_dbus_channel, g_config_agent);
+
+  g_dbus_channel->set_error_callback(CDBusErrorCallback(&dbus_error_callback));
+
+  start_loop("dbus", "start, dbus connect fail, try again", [] { return g_dbus_channel->start() == 1; });
+
+  // One subscription serves both LoRa components; made even when a signal
+  // cut the bus loop short.
+  const CConfigCallback forward(&loralan_config_callback);
+  g_config_agent->subscribe_config("gw_tc_loralan_rf", forward, kSubscribeMode, kSubscribeTimeoutMs);
+  g_config_agent->subscribe_config("gw_tc_loralan_devices", forward, kSubscribeMode, kSubscribeTimeoutMs);
+
+  start_loop("lora lan", "start, lora lan start fail, try again", [] { return g_lora_lan->start() >= 1; });
+  start_loop("lora node", "start, lora node start fail, try again", [] { return g_lora_node->start() >= 1; });
+  start_loop("serial service", "start, serial service start fail, try again",
+             [] { return g_serial_service->start(); });
+}
+
+void shutdown_sequence() {
+  g_serial_service->stop();
+  g_lora_lan->stop();
+  g_lora_node->close_socket();
+  g_dbus_channel->stop();
+
+  delete g_serial_service;
+  g_serial_service = nullptr;
+  delete g_lora_node;
+  g_lora_node = nullptr;
+  delete g_lora_lan;
+  g_lora_lan = nullptr;
+  delete g_config_agent;
+  g_config_agent = nullptr;
+  delete g_dbus_channel;
+  g_dbus_channel = nullptr;
+}
 
 void install_signal_handlers() {
   for (int sig = 1; sig < NSIG; ++sig) {
