@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config
-  libdbus-1-dev libjsoncpp-dev dbus-daemon
+  libdbus-1-dev libjsoncpp-dev dbus-daemon dbus-bin socat
   libgtest-dev libbenchmark-dev
   iproute2 util-linux
 )

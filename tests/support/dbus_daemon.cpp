@@ -74,7 +74,7 @@ std::string DBusDaemon::read_log() const {
   return text.str();
 }
 
-bool DBusDaemon::start(const std::string& socket_path) {
+bool DBusDaemon::start(const std::string& socket_path, const std::string& config_file) {
   if (running()) return fail("already running");
   m_error.clear();
   if (m_dir.empty()) {
@@ -88,7 +88,7 @@ bool DBusDaemon::start(const std::string& socket_path) {
   unlink(m_socket.c_str());
 
   // Everything the child needs is built before fork: only exec follows it.
-  const std::vector<std::string> args = {"dbus-daemon", "--config-file=" + config_path(), "--address=" + address(),
+  const std::vector<std::string> args = {"dbus-daemon", "--config-file=" + (config_file.empty() ? config_path() : config_file), "--address=" + address(),
                                          "--nofork", "--print-address", "--nosyslog"};
   std::vector<char*> argv;
   for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));

@@ -21,8 +21,9 @@ class DBusDaemon {
   // Starts the daemon and waits (up to 10 s) until it accepts connections.
   // An empty path puts the socket in a fresh temporary directory; a given path
   // (its directories made as needed, a stale socket removed) serves tests of
-  // a fixed bus address.  On false, error() says why.
-  bool start(const std::string& socket_path = "");
+  // a fixed bus address.  `config_file` replaces the permissive test policy.
+  // On false, error() says why.
+  bool start(const std::string& socket_path = "", const std::string& config_file = "");
   // SIGKILL: the bus vanishes at once, as in a crash.
   void kill();
   // SIGTERM, then SIGKILL after 2 s; removes the socket.  Safe when not running.
