@@ -7,6 +7,7 @@ packages=(
   build-essential cmake pkg-config
   libdbus-1-dev libjsoncpp-dev dbus-daemon dbus-bin socat
   libgtest-dev libbenchmark-dev
+  clang libclang-rt-dev
   iproute2 util-linux
 )
 

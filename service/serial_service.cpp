@@ -325,21 +325,20 @@ void CSerialService::deal_message(int epfd, DeviceList& devices, int fd) {
     }
   }
   if (!device) return;
-  // A connection may turn readable before its writable edge was handled.
-  if (!ensure_buffer(device)) {
-    deal_error(epfd, devices, fd);
-    return;
-  }
+  if (!deal_message(device, m_clock)) deal_error(epfd, devices, fd);
+}
 
+bool CSerialService::deal_message(SerialDevice* device, Clock clock) {
+  // A connection may turn readable before its writable edge was handled.
+  if (!ensure_buffer(device)) return false;
+
+  const int fd = device->socket_fd;
   const SerialDeviceConfig& c = device->config;
   for (;;) {
     const int n = recv_tcp(fd, device->recv_buf + device->recv_len,
                            static_cast<int32_t>(kFrameMaxSize - device->recv_len));
-    if (n < 0) return;  // drained; a partial frame stays for the next edge
-    if (n == 0) {
-      deal_error(epfd, devices, fd);
-      return;
-    }
+    if (n < 0) return true;  // drained; a partial frame stays for the next edge
+    if (n == 0) return false;
     device->recv_len += static_cast<uint32_t>(n);
 
     FrameHeader header{};
@@ -349,8 +348,7 @@ void CSerialService::deal_message(int epfd, DeviceList& devices, int fd) {
       if (check == FrameCheck::bad_header) {
         TC_LOG(3, "deal message, message header error, magic: 0x%x, type: %d, len: %d", header.magic, header.type,
                header.len);
-        deal_error(epfd, devices, fd);
-        return;
+        return false;
       }
 
       const int32_t state = device->state.load();
@@ -370,7 +368,7 @@ void CSerialService::deal_message(int epfd, DeviceList& devices, int fd) {
         case FrameRole::keepalive:
           TC_LOG(0, "deal keepalive message, [%s:%s] --> [%s]", c.ip.c_str(), c.device.c_str(),
                  c.local_device.c_str());
-          device->last_keepalive_ms = m_clock();
+          device->last_keepalive_ms = clock();
           break;
         case FrameRole::response: {
           int32_t code = 0;
@@ -378,7 +376,7 @@ void CSerialService::deal_message(int epfd, DeviceList& devices, int fd) {
           read_connect_response(device->recv_buf, header.len, code, message, sizeof message);
           TC_LOG(1, "deal message, response code:%d, message:%s, fd:%d, local_device:%s, remote_device:%s:%s", code,
                  message, fd, c.local_device.c_str(), c.ip.c_str(), c.device.c_str());
-          device->last_keepalive_ms = m_clock();
+          device->last_keepalive_ms = clock();
           if (code == 0) {
             device->state.store(kSerialEstablished);
           } else {
@@ -393,10 +391,7 @@ void CSerialService::deal_message(int epfd, DeviceList& devices, int fd) {
           ok = false;
           break;
       }
-      if (!ok) {
-        deal_error(epfd, devices, fd);
-        return;
-      }
+      if (!ok) return false;
 
       if (device->recv_len == header.len) {
         device->recv_len = 0;

@@ -51,6 +51,14 @@ class CSerialService : public Platform::CThread {
   // the thread starts.
   void set_clock(Clock clock) { m_clock = clock; }
 
+  // The receive step of one connection, on its own so that it can be driven
+  // without the loop: reads everything `device`'s socket holds into its
+  // receive buffer (allocated when missing) and handles every whole frame
+  // there, data to the device file, keep-alive and response times from
+  // `clock`.  False when the connection must be closed: peer gone, read
+  // error, malformed, unexpected or refused frame, short device write.
+  static bool deal_message(SerialDevice* device, Clock clock);
+
  protected:
   void threadProc() override;
 
