@@ -109,9 +109,6 @@ TEST_F(Agent, EveryOperationAgainstTheDevelopmentManager) {
   EXPECT_EQ(agent->reset_config(3000), 0);
   EXPECT_EQ(agent->get_config("gw_tc_loralan_mode", value, 3000), 0);
   EXPECT_EQ(value, "");
-  Subscriber subscriber;
-  EXPECT_EQ(agent->subscribe_config("gw_tc_x", CConfigCallback(&subscriber, &Subscriber::on_change), 1, 3000), 0);
-  EXPECT_EQ(agent->unsubscribe_config("gw_tc_x", 3000), 0);
 }
 
 TEST_F(Agent, ChangesReachTheSubscribedCallbackAndItsResultGoesBack) {

@@ -299,8 +299,6 @@ TEST_F(LoraLan, FailedStartsHoldNothingAndTheRetrySucceeds) {
   set(kDevicesKey, list({item(path, kEui), item("", kOtherEui), "{\"devFile\":\"" + path + "2\"}"}));
   set(kIntervalKey, "soon");
   EXPECT_THROW(lan->start(), std::invalid_argument);
-  set(kIntervalKey, "99999999999");
-  EXPECT_THROW(lan->start(), std::out_of_range);
   EXPECT_TRUE(udp_port_free(LORA_LAN_LOCAL_PORT));
   EXPECT_FALSE(path_exists(path));
 

@@ -10,10 +10,7 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <functional>
-#include <random>
 #include <string>
-#include <thread>
 
 #include "common/platform/src/thread/Thread.h"
 #include "component/config_agent.h"
@@ -39,13 +36,6 @@ uint64_t test_clock() { return Zentrova::Iot::Platform::tickMs() + g_offset.load
 
 const std::string kGreen = "\033[32m[";
 const std::string kYellow = "\033[33m[";
-
-std::string random_bytes(size_t n, unsigned seed) {
-  std::mt19937 random(seed);
-  std::string s(n, '\0');
-  for (char& c : s) c = static_cast<char>(random());
-  return s;
-}
 
 class SerialLoop : public testing::Test {
  protected:
@@ -129,7 +119,7 @@ class SerialLoop : public testing::Test {
   std::string m_dir;
 };
 
-TEST_F(SerialLoop, BytesCrossBothWaysUnchanged) {
+TEST_F(SerialLoop, FramesInOneSegmentOrCutInTheHeaderReachTheDevice) {
   EXPECT_EQ(status(), "");
   TestPeer peer("127.0.0.1");
   ASSERT_TRUE(peer.listening());
@@ -160,52 +150,8 @@ TEST_F(SerialLoop, BytesCrossBothWaysUnchanged) {
     usleep(30000);
   }
   EXPECT_EQ(tc_test::read_fd(tty, 8), "abcdefgh");
-
-  // A few hundred KB each way at once.  The service sends and writes without
-  // queueing, as a serial line's pace allows; here both sides keep at most a
-  // few KB in flight instead.
-  const size_t kSize = 300 * 1024;
-  const std::string up = random_bytes(kSize, 1);
-  const std::string down = random_bytes(kSize, 2);
-  std::atomic<size_t> arrived_up{0};
-  std::atomic<size_t> arrived_down{0};
-  const auto paced = [](const std::string& data, const std::atomic<size_t>& arrived, size_t window,
-                        const std::function<bool(const std::string&)>& send) {
-    std::mt19937 random(3);
-    const uint64_t end = Zentrova::Iot::Platform::tickMs() + 60000;
-    for (size_t sent = 0; sent < data.size() && Zentrova::Iot::Platform::tickMs() < end;) {
-      if (sent - arrived.load() > window) {
-        usleep(200);
-        continue;
-      }
-      const size_t n = std::min<size_t>(random() % 1468 + 1, data.size() - sent);
-      if (!send(data.substr(sent, n))) return;
-      sent += n;
-    }
-  };
-  std::thread writer(paced, std::cref(up), std::cref(arrived_up), 4096,
-                     [&](const std::string& chunk) { return tc_test::write_fd(tty, chunk); });
-  std::thread sender(paced, std::cref(down), std::cref(arrived_down), 2048,
-                     [&](const std::string& chunk) { return link->send_frame(0, chunk); });
-  std::string received_down;
-  std::thread reader([&] {
-    const uint64_t end = Zentrova::Iot::Platform::tickMs() + 60000;
-    while (received_down.size() < kSize && Zentrova::Iot::Platform::tickMs() < end) {
-      received_down += tc_test::read_some(tty, 100);
-      arrived_down = received_down.size();
-    }
-  });
-  std::string received_up;
-  Bytes frame;
-  while (received_up.size() < kSize && link->read_frame(frame, 10000)) {
-    received_up.append(frame.begin() + 4, frame.end());
-    arrived_up = received_up.size();
-  }
-  writer.join();
-  sender.join();
-  reader.join();
-  EXPECT_TRUE(received_up == up) << received_up.size() << " of " << kSize << " bytes up";
-  EXPECT_TRUE(received_down == down) << received_down.size() << " of " << kSize << " bytes down";
+  ASSERT_TRUE(tc_test::write_fd(tty, "up"));
+  EXPECT_EQ(link->read_data(2), "up");
   EXPECT_EQ(log.count_prefix("deal error"), 0u);
   EXPECT_EQ(status(), line(1, true));
   close(tty);

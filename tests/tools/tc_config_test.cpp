@@ -118,7 +118,7 @@ TEST_F(TcConfig, InvalidJsonForAJsonKeyIsWarnedAboutAndStored) {
   EXPECT_EQ(plain.output.find("warning"), std::string::npos) << "not a JSON key: " << plain.output;
 }
 
-TEST_F(TcConfig, ClearErrorsWhenTheBusOrTheManagerIsMissing) {
+TEST_F(TcConfig, ClearErrorsWhenTheBusOrTheManagerIsMissingOrGoes) {
   Result unreachable = run({"get", "k", "--bus", "unix:path=" + m_dir + "/no-bus"});
   EXPECT_EQ(unreachable.status, 1);
   EXPECT_NE(unreachable.output.find("tc-config: cannot connect to the bus at unix:path="), std::string::npos)
@@ -134,13 +134,22 @@ TEST_F(TcConfig, ClearErrorsWhenTheBusOrTheManagerIsMissing) {
   serve();
   Result twice = tool({"serve"});
   EXPECT_EQ(twice.status, 1) << "the name has an owner";
+
+  bus.kill();
+  int status = 0;
+  ASSERT_TRUE(server->wait_exit(10000, &status)) << server->output();
+  EXPECT_EQ(tc_test::exit_code(status), 1);
+  EXPECT_TRUE(server->wait_for_line("tc-config: lost the bus connection", 1000)) << server->output();
 }
 
 TEST_F(TcConfig, StoreIsWrittenOnFlushAndStopAndReadBackAtStart) {
-  {
-    std::ofstream seed(store);
-    seed << "{\"gw_tc_serial_devices\": [{\"id\": 1}], \"gw_tc_loralan_mode\": \"2\"}";
-  }
+  std::ofstream(store) << "[1, 2]";
+  Result refused = run({"serve", "--bus", bus.address(), "--store", store});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.output.find("is not a JSON object"), std::string::npos) << refused.output;
+  EXPECT_EQ(read_file(store), "[1, 2]") << "left as it was";
+
+  std::ofstream(store) << "{\"gw_tc_serial_devices\": [{\"id\": 1}], \"gw_tc_loralan_mode\": \"2\"}";
   serve();
   EXPECT_EQ(tool({"get", "gw_tc_serial_devices"}).output, "[{\"id\":1}]\n") << "non-strings kept as JSON text";
   EXPECT_EQ(tool({"set", "gw_tc_loralan_mode", "3"}).status, 0);
@@ -153,26 +162,6 @@ TEST_F(TcConfig, StoreIsWrittenOnFlushAndStopAndReadBackAtStart) {
   EXPECT_EQ(tool({"get", "gw_tc_loralan_mode"}).output, "4\n");
   EXPECT_EQ(tool({"reset"}).status, 0);
   EXPECT_EQ(tool({"list"}).output, "{}\n");
-}
-
-TEST_F(TcConfig, AStoreThatIsNoJsonObjectIsRefused) {
-  {
-    std::ofstream seed(store);
-    seed << "[1, 2]";
-  }
-  Result r = run({"serve", "--bus", bus.address(), "--store", store});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.output.find("is not a JSON object"), std::string::npos) << r.output;
-  EXPECT_EQ(read_file(store), "[1, 2]") << "left as it was";
-}
-
-TEST_F(TcConfig, ServeEndsWithStatusOneWhenTheBusVanishes) {
-  serve();
-  bus.kill();
-  int status = 0;
-  ASSERT_TRUE(server->wait_exit(10000, &status)) << server->output();
-  EXPECT_EQ(tc_test::exit_code(status), 1);
-  EXPECT_TRUE(server->wait_for_line("tc-config: lost the bus connection", 1000)) << server->output();
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // tc-lora-sim used as a user would: run as a program, fed on its standard
-// input, watched on its output, talked to over real UDP; and in front of the
-// real LoRa LAN bridge and node provisioning.
+// input, watched on its output, talked to over real UDP.  The simulator in
+// front of the running service is in tests/e2e.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -9,13 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "service/lora_lan.h"
-#include "service/lora_node.h"
 #include "tests/service/lora_test_support.h"
 #include "tests/support/child_process.h"
-#include "tests/support/log_capture.h"
 
-using namespace Zentrova::Iot::TransparentChannel;
 using lora_test::UdpPeer;
 using tc_test::ChildProcess;
 
@@ -124,46 +120,6 @@ TEST(TcLoraSim, FlagsChooseTheAnswersAndOneShotUplinksNeedNoServer) {
   // The ports are its own: a second simulator says so and ends.
   EXPECT_EQ(run({}, &out), 1);
   EXPECT_NE(out.find("bind 127.0.0.1:18098"), std::string::npos) << out;
-}
-
-// What an operator sees on a gateway: device file bytes become a downlink
-// line, an uplink command's payload comes out of the device file, and the
-// node provisioning shows up as requests.
-TEST(TcLoraSim, InFrontOfTheBridgeAndTheProvisioning) {
-  tc_test::LogCaptureScope log;
-  lora_test::TempDir dir;
-  lora_test::ConfigBus bus;
-  std::string why;
-  ASSERT_TRUE(bus.start(why)) << why;
-  auto sim = start_sim();
-  const std::string path = dir.file("lora0");
-  ASSERT_TRUE(bus.set("gw_tc_loralan_devices",
-                      "[{\"devFile\":\"" + path + "\",\"devEUI\":\"00aa11bb22cc33dd\",\"upFport\":5,\"devAddr\":\"0a0b0c0d\"}]"));
-  ASSERT_TRUE(bus.set("gw_tc_loralan_down_packet_interval", "100"));
-
-  CLoraLan lan(bus.agent());
-  ASSERT_EQ(lan.start(), 1);
-  ASSERT_TRUE(log.wait_for_prefix("threadProc, add device", 5000)) << log.dump();
-  lora_test::DeviceFile file(path);
-  ASSERT_TRUE(file.write("Hello"));
-  EXPECT_TRUE(sim->wait_for_line(R"(downlink devEUI="00AA11BB22CC33DD" fPort="10" confirmed="false" fcntd="361" )"
-                                 R"(data="48656c6c6f" (5 bytes "Hello") -> result 0)",
-                                 5000))
-      << sim->output();
-  ASSERT_TRUE(sim->write_input("uplink 00aa11bb22cc33dd 576f726c64 5\nuplink 00aa11bb22cc33dd 2121 6\n"));
-  EXPECT_EQ(file.read(5, 5000), "World");
-  EXPECT_EQ(file.read_for(300), "") << "FPort 6 is filtered out";
-
-  CLoraNode node(bus.agent());
-  ASSERT_EQ(node.start(), 1) << log.dump();
-  EXPECT_TRUE(sim->wait_for_line("node sync count=0 devEui= -> result 0", 5000)) << sim->output();
-  EXPECT_TRUE(sim->wait_for_line("node sync count=1 devEui=00AA11BB22CC33DD -> result 0", 5000)) << sim->output();
-  int extra = 0;
-  EXPECT_EQ(node.config_change_callback("gw_tc_loralan_rf", "", extra), 1);
-  EXPECT_TRUE(sim->wait_for_line(R"(node set_rf RX2Frequency="486900000" TxPower="17" SF="7" -> result 0)", 5000))
-      << sim->output();
-  node.close_socket();
-  lan.stop();
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <future>
 #include <thread>
 
@@ -132,51 +131,6 @@ TEST_F(Handle, NotConnectedOperationsFailWithTheirCodes) {
   EXPECT_EQ(client->block_call(broken, reply, 100), -2);
 }
 
-TEST_F(Handle, BlockingCallCarriesEveryTypeBothWays) {
-  peer->on_method([](CDBusMethodCall& call, CDBusMethodReturn& reply, bool&) {
-    std::string text;
-    int32_t i32 = 0;
-    uint32_t u32 = 0;
-    uint64_t u64 = 0;
-    uint8_t* data = nullptr;
-    int32_t length = 0;
-    if (!call.get_string(text) || !call.get_int32(i32) || !call.get_uint32(u32) || !call.get_uint64(u64) ||
-        !call.get_array(data, length)) {
-      return;
-    }
-    reply.set_array(data, length);
-    reply.set_uint64(u64 + 1);
-    reply.set_uint32(u32 + 1);
-    reply.set_int32(i32 + 1);
-    reply.set_string(text + "!");
-    std::free(data);
-  });
-  const uint8_t bytes[4] = {0xde, 0xad, 0xbe, 0xef};
-  CDBusMethodCall call = call_peer("echo");
-  call.set_string("hi");
-  call.set_int32(-5);
-  call.set_uint32(7);
-  call.set_uint64(1ull << 40);
-  call.set_array(bytes, 4);
-  CDBusMethodReturn reply;
-  ASSERT_EQ(client->block_call(call, reply, 5000), 0);
-  uint8_t* data = nullptr;
-  int32_t length = 0;
-  uint64_t u64 = 0;
-  uint32_t u32 = 0;
-  int32_t i32 = 0;
-  std::string text;
-  ASSERT_TRUE(reply.get_array(data, length));
-  EXPECT_EQ(length, 4);
-  EXPECT_EQ(data[3], 0xef);
-  std::free(data);
-  EXPECT_TRUE(reply.get_uint64(u64) && reply.get_uint32(u32) && reply.get_int32(i32) && reply.get_string(text));
-  EXPECT_EQ(u64, (1ull << 40) + 1);
-  EXPECT_EQ(u32, 8u);
-  EXPECT_EQ(i32, -4);
-  EXPECT_EQ(text, "hi!");
-}
-
 TEST_F(Handle, TimeOutThenTheLateReplyIsDroppedWithItsTraceLine) {
   log.clear();
   hold_calls();
@@ -202,17 +156,6 @@ TEST_F(Handle, TimeOutThenTheLateReplyIsDroppedWithItsTraceLine) {
       EXPECT_EQ(line.level, 0);
     }
   }
-}
-
-TEST_F(Handle, ErrorReplyGivesMinusFiveWithTheErrorInTheReply) {
-  log.clear();
-  CDBusMethodCall call("tc.test.absent", "/tc/test", "tc.test.iface", "ping");
-  CDBusMethodReturn reply;
-  EXPECT_EQ(client->block_call(call, reply, 3000), -5);
-  ASSERT_NE(reply.get_message(), nullptr);
-  EXPECT_FALSE(reply.is_method_return());
-  EXPECT_STREQ(dbus_message_get_error_name(reply.get_message()), DBUS_ERROR_SERVICE_UNKNOWN);
-  EXPECT_EQ(log.count("handle_error_method, name:org.freedesktop.DBus.Error.ServiceUnknown."), 1u) << log.dump();
 }
 
 TEST_F(Handle, DisconnectReleasesBlockedCallersAtOnceAndClosesAsyncCalls) {
@@ -275,20 +218,16 @@ TEST_F(Handle, SignalsReachTheirDestinationOrTheMatchingRule) {
   CDBusSignal direct(kPeer, "/tc/test", "tc.test.direct", "note");
   ASSERT_EQ(client->send_signal(broadcast), 0);
   ASSERT_EQ(client->send_signal(direct), 0);
-  auto has = [](TestServer& s, const std::string& member) {
-    for (auto& signal : s.signals) {
-      if (signal.get_member() == member) return true;
-    }
-    return false;
+  // The first signal of that member (the bus sends its own too), under the server's lock.
+  auto find = [](TestServer& s, const std::string& member) -> CDBusSignal* {
+    for (auto& signal : s.signals)
+      if (signal.get_member() == member) return &signal;
+    return nullptr;
   };
-  ASSERT_TRUE(listener.wait([&] { return has(listener, "headline"); }, 3000));
-  ASSERT_TRUE(peer->wait([&] { return has(*peer, "note"); }, 3000));
+  ASSERT_TRUE(peer->wait([&] { return find(*peer, "note") != nullptr; }, 3000));
+  ASSERT_TRUE(listener.wait([&] { return find(listener, "headline") != nullptr; }, 3000));
   std::string text;
-  for (auto& signal : listener.read<std::vector<CDBusSignal>>([&] { return listener.signals; })) {
-    if (signal.get_member() == "headline") {
-      EXPECT_TRUE(signal.get_string(text));
-    }
-  }
+  EXPECT_TRUE(listener.read<bool>([&] { return find(listener, "headline")->get_string(text); }));
   EXPECT_EQ(text, "extra");
 }
 
@@ -371,20 +310,11 @@ TEST_F(Handle, BusKilledEndsTheReaderOnceAndLeavesBlockedCallsToTheirTimeOut) {
   ASSERT_EQ(client->connect(), 0);
   CDBusMethodCall absent("tc.test.absent", "/tc/test", "tc.test.iface", "ping");
   CDBusMethodReturn reply;
-  EXPECT_EQ(client->block_call(absent, reply, 3000), -5) << "the bus itself answers again";
-}
-
-TEST_F(Handle, RepeatedConnectAndDisconnectKeepsWorking) {
-  peer->on_method([](CDBusMethodCall&, CDBusMethodReturn& reply, bool&) { reply.set_int32(1); });
-  for (int round = 0; round < 5; ++round) {
-    client->disconnect();
-    ASSERT_EQ(client->connect(), 0) << "round " << round;
-    CDBusMethodCall call = call_peer("ping");
-    CDBusMethodReturn reply;
-    int32_t value = 0;
-    ASSERT_EQ(client->block_call(call, reply, 3000), 0) << "round " << round;
-    EXPECT_TRUE(reply.get_int32(value));
-  }
+  EXPECT_EQ(client->block_call(absent, reply, 3000), -5) << "the bus itself answers again, with an error";
+  ASSERT_NE(reply.get_message(), nullptr);
+  EXPECT_FALSE(reply.is_method_return());
+  EXPECT_STREQ(dbus_message_get_error_name(reply.get_message()), DBUS_ERROR_SERVICE_UNKNOWN);
+  EXPECT_EQ(log.count("handle_error_method, name:org.freedesktop.DBus.Error.ServiceUnknown."), 1u) << log.dump();
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "common/log/log.h"
-#include "tests/support/log_capture.h"
 
 namespace {
 
@@ -97,17 +96,6 @@ TEST_F(LogPipe, ThreadsNeverInterleaveLines) {
     ++count;
   }
   EXPECT_EQ(count, static_cast<size_t>(kThreads * kLines));
-}
-
-TEST(LogCapture, SeesEveryLevelWithItsFunction) {
-  tc_test::LogCaptureScope capture;
-  TC_LOG(0, "trace %d", 1);
-  TC_LOG(3, "error");
-  auto lines = capture.lines();
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[0].level, 0);
-  EXPECT_EQ(lines[0].text, "trace 1");
-  EXPECT_EQ(lines[1].function, "TestBody");
 }
 
 }  // namespace

@@ -50,7 +50,7 @@ TEST(InternalThread, PriorityAndStackRules) {
   EXPECT_EQ(InternalThread::mapPriority(1, 1, 99), 1u);
   EXPECT_EQ(InternalThread::mapPriority(0, 1, 99), InternalThread::mapPriority(1, 1, 99));
   EXPECT_EQ(InternalThread::mapPriority(500, 1, 99), InternalThread::mapPriority(128, 1, 99));
-  EXPECT_EQ(InternalThread::mapPriority(64, 1, 99), 99u - (98u * 64u) / 127u);
+  EXPECT_EQ(InternalThread::mapPriority(64, 1, 99), 50u);  // linear in between
   EXPECT_EQ(InternalThread::roundStackSize(0), 0u);
   EXPECT_EQ(InternalThread::roundStackSize(1), 16384u);
   EXPECT_EQ(InternalThread::roundStackSize(16384), 16384u);
@@ -122,18 +122,11 @@ TEST(CThread, ExceptionEndsTheThreadWithOneLine) {
   EXPECT_EQ(capture.count("threadProc, looper ended by an exception: boom"), 1u) << capture.dump();
 }
 
-TEST(Time, TickIsMonotonicAndFollowsSleep) {
+TEST(Time, TickFollowsSleepAndSleepZeroOnlyYields) {
   uint64_t a = tickMs();
   CThread::sleepMs(120);
-  uint64_t b = tickMs();
-  EXPECT_GE(b - a, 100u);  // the tick moves in 10 ms steps
-  EXPECT_LT(b - a, 2000u);
-  uint64_t c = tickMs();
-  EXPECT_GE(c, b);
-}
-
-TEST(Time, SleepZeroOnlyYields) {
-  uint64_t a = tickMs();
+  EXPECT_GE(tickMs() - a, 100u);  // the tick moves in 10 ms steps
+  a = tickMs();
   for (int i = 0; i < 1000; ++i) CThread::sleepMs(0);
   EXPECT_LT(tickMs() - a, 200u);
 }
