@@ -1,6 +1,9 @@
 #include "service/serial_service.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/epoll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -277,6 +280,10 @@ void CSerialService::do_connect(int epfd, DeviceList& devices) {
       TC_LOG(2, "do connect, create_tcp fail");
       continue;
     }
+    // Each frame is written whole; a small one must not wait for the
+    // acknowledgement of the previous one (up to the peer's delayed ack).
+    const int nodelay = 1;
+    setsockopt(device->socket_fd, IPPROTO_TCP, TCP_NODELAY, &nodelay, sizeof(nodelay));
     const SerialDeviceConfig& c = device->config;
     TC_LOG(1, "do connect, %s %s:%s %d:%d:%d:%s:%d", c.local_device.c_str(), c.ip.c_str(), c.device.c_str(),
            static_cast<int32_t>(c.baud_rate), c.data_bit, c.stop_bit, c.parity.c_str(), c.flow_control);
