@@ -1,0 +1,121 @@
+#!/usr/bin/env bash
+# Benchmarks of the serial and LoRa bridges, side by side with socat as the
+# baseline serial bridge.  Builds its own Release folder (build-bench/), runs
+# everything in private network and mount namespaces with a tmpfs on /tmp
+# (root needed), and prints the tables.  About 7 minutes after the build.
+#
+#   bench/run.sh              everything
+#   bench/run.sh quick        shorter: scale series only up to 50 serial / 250 LoRa
+#   unshare --net --mount --propagation private bench/run.sh --inside compare
+#                             (after one full run) only the socat / service comparison
+# Raw results stay in build-bench/bench-results/.
+set -euo pipefail
+root="$(cd "$(dirname "$0")/.." && pwd)"
+build="${TC_BENCH_BUILD:-$root/build-bench}"
+results="$build/bench-results"
+work=/tmp/tc-bench
+bus_dir=/tmp/var/run/mbusd
+mode="${1:-full}"
+
+# ---------------------------------------------------------------- inside --
+wait_for() {
+  for _ in $(seq 1 200); do [ -e "$1" ] && return 0; sleep 0.05; done
+  echo "bench/run.sh: $1 did not appear" >&2
+  return 1
+}
+
+serial_item() {  # local device, remote device name
+  printf '{"local_device":"%s","remote_device":{"ip":"127.0.0.1","device":"%s","baud_rate":115200,"data_bit":8,"stop_bit":1,"parity":"N","flow_control":0}}' "$1" "$2"
+}
+
+lora_item() {  # device file, index
+  printf '{"devFile":"%s","devEUI":"%016x","upFport":-1,"downFport":10,"confirmed":false,"devAddr":"%08x","nwkskey":"000102030405060708090a0b0c0d0e0f","appskey":"0f0e0d0c0b0a09080706050403020100","mode":"ABP"}' "$1" "$2" "$2"
+}
+
+set_devices() {  # serial count, lora count (files ser<i>, lora<i> in $work)
+  local s="[" l="[" i
+  for ((i = 0; i < $1; i++)); do s+="$( [ $i -gt 0 ] && echo ,)$(serial_item "$work/ser$i" "ser$i")"; done
+  for ((i = 0; i < $2; i++)); do l+="$( [ $i -gt 0 ] && echo ,)$(lora_item "$work/lora$i" $((i + 1)))"; done
+  printf '%s]' "$s" | tc-config set gw_tc_serial_devices - >/dev/null
+  printf '%s]' "$l" | tc-config set gw_tc_loralan_devices - >/dev/null
+  tc-config set gw_tc_loralan_mode "$([ "$2" -gt 0 ] && echo pts || echo off)" >/dev/null
+}
+
+inside() {
+  mount -t tmpfs tmpfs /tmp
+  ip link set lo up
+  mkdir -p "$work" "$bus_dir" "$results"
+  export PATH="$build/service:$build/tools/tc-config:$build/tools/tc-lora-sim:$build/bench:$PATH"
+  pids=()
+  trap 'for p in "${pids[@]}"; do kill -TERM "$p" 2>/dev/null || true; done; wait 2>/dev/null || true' EXIT
+
+  cat >"$work/bus.conf" <<CONF
+<busconfig>
+  <type>session</type>
+  <listen>unix:path=$bus_dir/mbusd_socket</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/>
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+</busconfig>
+CONF
+  dbus-daemon --config-file="$work/bus.conf" --nofork --nopidfile 2>"$work/bus.log" &
+  pids+=($!)
+  wait_for "$bus_dir/mbusd_socket"
+  echo '{}' >"$work/store.json"
+  tc-config serve --store "$work/store.json" 2>"$work/tc-config.log" &
+  pids+=($!)
+  tc-lora-sim </dev/null >"$work/lora-sim.log" 2>&1 &
+  pids+=($!)
+  sleep 0.5
+  tc-config set gw_tc_loralan_down_packet_interval 100 >/dev/null
+
+  echo "== serial bridge: socat" >&2
+  tc-bench-bridge compare --socat --dir "$work" --out "$results/socat.txt"
+  echo "== serial bridge: transparent-channel" >&2
+  printf '[%s,%s,%s]' "$(serial_item "$work/tty-echo" echo)" "$(serial_item "$work/tty-up" up)" \
+    "$(serial_item "$work/tty-down" down)" | tc-config set gw_tc_serial_devices - >/dev/null
+  tc-config set gw_tc_loralan_mode off >/dev/null
+  tc-bench-bridge compare --dir "$work" --out "$results/service.txt" -- transparent-channel
+  rm -f "$work"/tty-*
+  [ "$mode" = compare ] && { cp "$work"/*.log "$results/"; return 0; }
+
+  local runs
+  if [ "$mode" = quick ]; then
+    runs="1:0 1:1 10:10 50:0 0:250"
+  else
+    runs="1:0 1:1 10:10 50:0 100:0 200:0 0:250 0:500 0:1000 200:1000"
+  fi
+  for r in $runs; do
+    local s=${r%:*} l=${r#*:}
+    echo "== many devices: $s serial, $l LoRa" >&2
+    set_devices "$s" "$l"
+    tc-bench-bridge hold --serial "$s" --lora "$l" --dir "$work" --idle 10 --load 10 \
+      --out "$results/hold-$s-$l.txt" -- transparent-channel
+    rm -f "$work"/ser* "$work"/lora*
+  done
+  cp "$work"/*.log "$results/"
+}
+
+if [ "${1:-}" = --inside ]; then
+  mode="${2:-full}"
+  inside
+  exit 0
+fi
+
+# --------------------------------------------------------------- outside --
+[ "$(id -u)" -eq 0 ] || { echo "bench/run.sh: needs root (private namespaces, fixed ports and bus path)" >&2; exit 1; }
+"$root/packaging/install-deps.sh"
+cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DTC_SANITIZE= -DTC_BUILD_TESTS=OFF -DTC_BUILD_BENCH=ON >/dev/null
+cmake --build "$build" -j "$(nproc)" --target transparent-channel tc-config tc-lora-sim tc-micro-bench tc-bench-bridge
+rm -rf "$results"
+mkdir -p "$results"
+
+echo "== micro benchmarks" >&2
+"$build/bench/tc-micro-bench" --benchmark_min_time=0.2 >"$results/micro.txt" 2>/dev/null
+unshare --net --mount --propagation private "$0" --inside "$mode"
+
+"$root/bench/report.sh" "$results"
