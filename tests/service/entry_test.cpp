@@ -30,7 +30,9 @@ class Entry : public testing::Test {
     // ThreadSanitizer's runtime now and then drops a signal that lands while
     // the main thread enters a blocking call (seen once in ~20 runs, never
     // without it); one resend keeps this suite about the service.
-    if (!service->wait_for_line("caught ", 2000)) ASSERT_TRUE(service->signal(sig));
+    if (!service->wait_for_line("caught ", 2000)) {
+      ASSERT_TRUE(service->signal(sig));
+    }
 #endif
   }
   int finish() {
