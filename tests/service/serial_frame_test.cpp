@@ -2,9 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -139,54 +137,6 @@ TEST(SerialFrame, ResponseMessageStaysInsideTheFrame) {
   EXPECT_EQ(code, 5);
   EXPECT_EQ(read_connect_response(shortText.data(), 300, code, message, 3), 2u);  // the caller's room
   EXPECT_STREQ(message, "bu");
-}
-
-// The receive loop's use of the codec: a byte stream that arrives in pieces
-// cut anywhere, each taken in reads of at most the buffer's free room, gives
-// back the same frames in the same order.
-std::vector<Bytes> reassemble(const Bytes& stream, const std::vector<size_t>& cuts) {
-  std::vector<Bytes> frames;
-  uint8_t buf[kFrameMaxSize];
-  size_t held = 0;
-  size_t from = 0;
-  std::vector<size_t> ends(cuts);
-  ends.push_back(stream.size());
-  for (size_t to : ends) {
-    while (from < to) {
-      const size_t n = std::min(to - from, kFrameMaxSize - held);
-      memcpy(buf + held, stream.data() + from, n);
-      held += n;
-      from += n;
-      FrameHeader h{};
-      while (examine_frame(buf, held, h) == FrameCheck::complete) {
-        frames.emplace_back(buf, buf + h.len);
-        memmove(buf, buf + h.len, held - h.len);
-        held -= h.len;
-      }
-      EXPECT_NE(examine_frame(buf, held, h), FrameCheck::bad_header);
-    }
-  }
-  EXPECT_EQ(held, 0u);
-  return frames;
-}
-
-TEST(SerialFrame, StreamCutAtEveryByteReassembles) {
-  std::mt19937 random(7);
-  std::string big(kFrameMaxPayload, '\0');
-  for (char& c : big) c = static_cast<char>(random());
-  const std::vector<Bytes> sent = {response(0, "ok", 268), frame(kFrameKeepalive, ""), frame(kFrameData, "x"),
-                                   frame(kFrameData, big), frame(kFrameData, std::string(3, '\xA5'))};
-  Bytes stream;
-  for (const Bytes& f : sent) stream.insert(stream.end(), f.begin(), f.end());
-
-  EXPECT_EQ(reassemble(stream, {}), sent);  // all in one read
-  // Every position, inside headers too, with a second cut further on.
-  for (size_t a = 1; a < stream.size(); ++a) {
-    const size_t b = a + (a * 7919) % 1400 + 1;
-    std::vector<size_t> cuts{a};
-    if (b < stream.size()) cuts.push_back(b);
-    ASSERT_EQ(reassemble(stream, cuts), sent) << a;
-  }
 }
 
 }  // namespace

@@ -119,7 +119,7 @@ class SerialLoop : public testing::Test {
   std::string m_dir;
 };
 
-TEST_F(SerialLoop, FramesInOneSegmentOrCutInTheHeaderReachTheDevice) {
+TEST_F(SerialLoop, FramesInOneSegmentReachTheDeviceAndBytesComeBack) {
   EXPECT_EQ(status(), "");
   TestPeer peer("127.0.0.1");
   ASSERT_TRUE(peer.listening());
@@ -136,20 +136,14 @@ TEST_F(SerialLoop, FramesInOneSegmentOrCutInTheHeaderReachTheDevice) {
   const int tty = tc_test::open_raw(path(1));
   ASSERT_GE(tty, 0);
 
-  // Several frames in one segment, then one frame cut inside its header.
+  // Several frames in one segment; arbitrary splits are the fuzzer's job.
   Bytes batch = tc_test::make_frame(1, "");
   for (const char* part : {"ab", "cd"}) {
     const Bytes f = tc_test::make_frame(0, part);
     batch.insert(batch.end(), f.begin(), f.end());
   }
   ASSERT_TRUE(link->send_bytes(batch));
-  const Bytes split = tc_test::make_frame(0, "efgh");
-  for (const Bytes& piece : {Bytes(split.begin(), split.begin() + 2), Bytes(split.begin() + 2, split.begin() + 5),
-                             Bytes(split.begin() + 5, split.end())}) {
-    ASSERT_TRUE(link->send_bytes(piece));
-    usleep(30000);
-  }
-  EXPECT_EQ(tc_test::read_fd(tty, 8), "abcdefgh");
+  EXPECT_EQ(tc_test::read_fd(tty, 4), "abcd");
   ASSERT_TRUE(tc_test::write_fd(tty, "up"));
   EXPECT_EQ(link->read_data(2), "up");
   EXPECT_EQ(log.count_prefix("deal error"), 0u);
@@ -168,15 +162,11 @@ TEST_F(SerialLoop, MalformedFramesCloseOnlyThatConnection) {
     bool answer_first;  // establish before sending the bad bytes
     Bytes bytes;
     std::string line;
-  } cases[] = {
+  } cases[] = {  // both log forms in both states; each rule is in serial_frame_test
       {"bad magic", false, {0xA4, 0, 8, 0, 1, 2, 3, 4}, header + "0xa4, type: 0, len: 8"},
-      {"len 3", true, {0xA5, 0, 3, 0}, header + "0xa5, type: 0, len: 3"},
       {"len 1473", true, {0xA5, 0, 0xC1, 0x05}, header + "0xa5, type: 0, len: 1473"},
       {"data before the response", false, tc_test::make_frame(0, "x"), type + "0, len: 5"},
-      {"keep-alive before the response", false, tc_test::make_frame(1, ""), type + "1, len: 4"},
-      {"short response", false, tc_test::make_frame(200, std::string(263, '\0')), type + "200, len: 267"},
       {"second response", true, tc_test::make_frame(200, std::string(264, '\0')), type + "200, len: 268"},
-      {"empty data frame", true, tc_test::make_frame(0, ""), type + "0, len: 4"},
   };
   ASSERT_TRUE(log.wait_for("add device, " + settings(1), 5000));
   const int tty = tc_test::open_raw(path(1));

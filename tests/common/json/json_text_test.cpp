@@ -58,12 +58,4 @@ TEST(JsonGet, FallbackForMissingMistypedOrNonObjectSteps) {
   EXPECT_EQ(json_get_int(scalar, "a", 7), 7);
 }
 
-TEST(JsonIs, ChecksOneMemberAndItsType) {
-  Json::Value doc;
-  ASSERT_TRUE(string_to_json(R"({"s":"x","i":1,"o":{},"a":[]})", doc));
-  EXPECT_TRUE(json_is_string(doc, "s") && json_is_int(doc, "i") && json_is_object(doc, "o") && json_is_array(doc, "a"));
-  EXPECT_FALSE(json_is_string(doc, "i") || json_is_array(doc, "missing"));
-  EXPECT_FALSE(json_is_string(Json::Value(Json::arrayValue), "s"));  // not an object: no throw, just false
-}
-
 }  // namespace

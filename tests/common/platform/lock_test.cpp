@@ -36,15 +36,6 @@ TEST(CMutex, GuardExcludesAndReleasesOnEveryPath) {
   EXPECT_EQ(m.unlock(), 0);
 }
 
-TEST(CSemaphore, CountsPosts) {
-  CSemaphore s(2);
-  EXPECT_TRUE(s.tryWait());
-  EXPECT_TRUE(s.tryWait());
-  EXPECT_FALSE(s.tryWait());
-  s.post();
-  EXPECT_TRUE(s.wait(1));
-}
-
 TEST(CSemaphore, TimedWaitTakesWholeFiftyMillisecondSteps) {
   CSemaphore s(0);
   uint64_t a = tickMs();

@@ -67,16 +67,6 @@ bool eventually(const std::function<bool()>& cond, int ms = 3000) {
   return cond();
 }
 
-TEST(CTimer, NameKeepsItsFirst127Characters) {
-  std::string longName(200, 'n');
-  longName[126] = 'x';
-  longName[127] = 'y';
-  CTimer timer(longName.c_str());
-  EXPECT_EQ(std::string(timer.name()), longName.substr(0, 127));
-  EXPECT_STREQ(CTimer("short").name(), "short");
-  EXPECT_STREQ(CTimer(nullptr).name(), "");
-}
-
 TEST(CTimer, OneShotRunsOnceWithItsUserDataAndCanBeArmedAgain) {
   Probe probe;
   CTimer timer("one_shot");
