@@ -51,23 +51,29 @@ int32_t CConfigAgent::get_config(const std::string& key, std::string& value, uin
   return 0;
 }
 
+int32_t CConfigAgent::code_call(const char* func, CDBusMethodCall& call, uint32_t timeoutMs,
+                                const std::string& call_who, const std::string& code_who) {
+  CDBusMethodReturn reply;
+  const int32_t result = m_channel->block_call(call, reply, timeoutMs);
+  if (result != 0) {
+    log_print(2, nullptr, nullptr, __FILE__, func, __LINE__, "%s block_call [%d] fail.", call_who.c_str(), result);
+    return kCallFailed;
+  }
+  int32_t code = kCallFailed;
+  if (!reply.get_int32(code) || code != 0) {
+    log_print(2, nullptr, nullptr, __FILE__, func, __LINE__, "%s code [%d] fail.", code_who.c_str(), code);
+    return code;
+  }
+  return 0;
+}
+
 int32_t CConfigAgent::set_config(const std::string& key, const std::string& value, uint32_t timeoutMs,
                                  bool security) {
   CDBusMethodCall call = request(security ? "set_config_security" : "set_config");
   call.set_string(key);
   call.set_string(value);
-  CDBusMethodReturn reply;
-  const int32_t result = m_channel->block_call(call, reply, timeoutMs);
-  if (result != 0) {
-    TC_LOG(2, "set config, [%s] block_call [%d] fail.", key.c_str(), result);
-    return kCallFailed;
-  }
-  int32_t code = kCallFailed;
-  if (!reply.get_int32(code) || code != 0) {
-    TC_LOG(2, "set config, [%s] code [%d] fail.", key.c_str(), code);
-    return code;
-  }
-  return 0;
+  const std::string who = "set config, [" + key + "]";
+  return code_call(__func__, call, timeoutMs, who, who);
 }
 
 int32_t CConfigAgent::subscribe_config(const std::string& key, const CConfigCallback& callback, int32_t mode,
@@ -76,17 +82,8 @@ int32_t CConfigAgent::subscribe_config(const std::string& key, const CConfigCall
   call.set_string(m_name);
   call.set_string(key);
   call.set_int32(mode);
-  CDBusMethodReturn reply;
-  const int32_t result = m_channel->block_call(call, reply, timeoutMs);
-  if (result != 0) {
-    TC_LOG(2, "subscribe config, block_call [%d] fail.", result);
-    return kCallFailed;
-  }
-  int32_t code = kCallFailed;
-  if (!reply.get_int32(code) || code != 0) {
-    TC_LOG(2, "subscribe config, [%s] code [%d] fail.", key.c_str(), code);
-    return code;
-  }
+  const int32_t code = code_call(__func__, call, timeoutMs, "subscribe config,", "subscribe config, [" + key + "]");
+  if (code != 0) return code;
   CMutexGuard guard(&m_lock);
   m_callbacks[key] = callback;
   return 0;
@@ -100,51 +97,18 @@ int32_t CConfigAgent::unsubscribe_config(const std::string& key, uint32_t timeou
   CDBusMethodCall call = request("unsubscribe_config");
   call.set_string(m_name);
   call.set_string(key);
-  CDBusMethodReturn reply;
-  const int32_t result = m_channel->block_call(call, reply, timeoutMs);
-  if (result != 0) {
-    TC_LOG(2, "unsubscribe config, block_call [%d] fail.", result);
-    return kCallFailed;
-  }
-  int32_t code = kCallFailed;
-  if (!reply.get_int32(code) || code != 0) {
-    TC_LOG(2, "unsubscribe config, [%s] code [%d] fail.", key.c_str(), code);
-    return code;
-  }
-  return 0;
+  return code_call(__func__, call, timeoutMs, "unsubscribe config,", "unsubscribe config, [" + key + "]");
 }
 
 int32_t CConfigAgent::flush_config(uint32_t timeoutMs) {
   CDBusMethodCall call = request("flush_config");
-  CDBusMethodReturn reply;
-  const int32_t result = m_channel->block_call(call, reply, timeoutMs);
-  if (result != 0) {
-    TC_LOG(2, "flush config, block_call [%d] fail.", result);
-    return kCallFailed;
-  }
-  int32_t code = kCallFailed;
-  if (!reply.get_int32(code) || code != 0) {
-    TC_LOG(2, "flush config, code [%d] fail.", code);
-    return code;
-  }
-  return 0;
+  return code_call(__func__, call, timeoutMs, "flush config,", "flush config,");
 }
 
 // Its lines begin "flush config" too: that is the manager's wording for both.
 int32_t CConfigAgent::reset_config(uint32_t timeoutMs) {
   CDBusMethodCall call = request("reset_config");
-  CDBusMethodReturn reply;
-  const int32_t result = m_channel->block_call(call, reply, timeoutMs);
-  if (result != 0) {
-    TC_LOG(2, "flush config, block_call [%d] fail.", result);
-    return kCallFailed;
-  }
-  int32_t code = kCallFailed;
-  if (!reply.get_int32(code) || code != 0) {
-    TC_LOG(2, "flush config, code [%d] fail.", code);
-    return code;
-  }
-  return 0;
+  return code_call(__func__, call, timeoutMs, "flush config,", "flush config,");
 }
 
 void CConfigAgent::notify_config(CDBusMethodCall& call, CDBusMethodReturn& reply) {

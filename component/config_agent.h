@@ -52,6 +52,11 @@ class CConfigAgent {
 
  private:
   DBus::CDBusMethodCall request(const char* member) const;
+  // Sends `call` and returns the manager's code, or kCallFailed when the call
+  // itself failed.  Failures are logged under `func`'s name as
+  // "<call_who> block_call [N] fail." and "<code_who> code [N] fail.".
+  int32_t code_call(const char* func, DBus::CDBusMethodCall& call, uint32_t timeoutMs, const std::string& call_who,
+                    const std::string& code_who);
 
   CDBusChannel* m_channel;
   std::string m_name;

@@ -4,7 +4,6 @@
 #include "component/dbus_channel.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <atomic>
 #include <chrono>
@@ -12,10 +11,12 @@
 
 #include "tests/support/dbus_daemon.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/wait.h"
 
 using namespace std::chrono;
 using namespace Zentrova::Iot::Component;
 using namespace Zentrova::Iot::DBus;
+using tc_test::cpu_ms;
 using tc_test::LogCaptureScope;
 
 namespace {
@@ -60,13 +61,6 @@ struct Handlers {
 };
 
 void ignore_error(int32_t) {}
-
-long cpu_ms() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000 +
-         (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000;
-}
 
 class Channel : public testing::Test {
  protected:

@@ -67,22 +67,6 @@ std::string CLanServerSim::describe(const std::string& datagram) {
   return line;
 }
 
-void CLanServerSim::serve(std::vector<std::string>& lines) {
-  std::string datagram;
-  uint16_t from = 0;
-  while (m_endpoint.receive(datagram, from)) {
-    std::string line = describe(datagram);
-    if (m_answer) {
-      const std::string answer = "{\"result\":" + std::to_string(*m_answer) + "}";
-      m_endpoint.send_to(answer, from);
-      line += " -> result " + std::to_string(*m_answer);
-    } else {
-      line += " -> no answer";
-    }
-    lines.push_back(line);
-  }
-}
-
 }  // namespace Tools
 }  // namespace Iot
 }  // namespace Zentrova

@@ -27,7 +27,7 @@ class CLanServerSim {
   // The code every downlink is answered with; none keeps silent.
   void set_answer(std::optional<int32_t> result) { m_answer = result; }
   // Handles every waiting downlink, one line each.
-  void serve(std::vector<std::string>& lines);
+  void serve(std::vector<std::string>& lines) { m_endpoint.answer_all(m_answer, &describe, lines); }
   bool send_uplink(const CUplinkCommand& uplink) { return m_endpoint.send_to(uplink.datagram(), kBridgePort); }
 
   // "downlink devEUI=... fPort=... confirmed=... fcntd=... data=... (N bytes "...")"

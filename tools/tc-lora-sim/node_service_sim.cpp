@@ -43,21 +43,6 @@ std::string CNodeServiceSim::describe(const std::string& request) {
   return "node " + method + " " + compact;
 }
 
-void CNodeServiceSim::serve(std::vector<std::string>& lines) {
-  std::string request;
-  uint16_t from = 0;
-  while (m_endpoint.receive(request, from)) {
-    std::string line = describe(request);
-    if (m_answer) {
-      m_endpoint.send_to("{\"result\":" + std::to_string(*m_answer) + "}", from);
-      line += " -> result " + std::to_string(*m_answer);
-    } else {
-      line += " -> no answer";
-    }
-    lines.push_back(line);
-  }
-}
-
 }  // namespace Tools
 }  // namespace Iot
 }  // namespace Zentrova

@@ -25,7 +25,7 @@ class CNodeServiceSim {
   // The code every request is answered with; none keeps silent.
   void set_answer(std::optional<int32_t> result) { m_answer = result; }
   // Handles every waiting request, one line each.
-  void serve(std::vector<std::string>& lines);
+  void serve(std::vector<std::string>& lines) { m_endpoint.answer_all(m_answer, &describe, lines); }
 
   // "node set_rf RX2Frequency=... TxPower=... SF=..." or
   // "node sync count=N devEui=A,B,..." (keys are left out).

@@ -2,7 +2,6 @@
 // asynchronous calls, signals, watchdog feeding and the bus going away.
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <atomic>
 #include <chrono>
@@ -12,9 +11,11 @@
 #include "tests/common/dbus/test_server.h"
 #include "tests/support/dbus_daemon.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/wait.h"
 
 using namespace std::chrono;
 using namespace Zentrova::Iot::DBus;
+using tc_test::cpu_ms;
 using tc_test::LogCaptureScope;
 using tc_test::TestServer;
 
@@ -28,22 +29,8 @@ long since_ms(steady_clock::time_point start) {
 
 CDBusMethodCall call_peer(const char* member) { return CDBusMethodCall(kPeer, "/tc/test/peer", kPeer, member); }
 
-long cpu_ms() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000 +
-         (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000;
-}
-
-class Handle : public testing::Test {
+class Handle : public tc_test::PeerAndClient {
  protected:
-  void SetUp() override {
-    ASSERT_TRUE(bus.start()) << bus.error();
-    peer = std::make_unique<TestServer>(bus.address(), kPeer);
-    ASSERT_EQ(peer->connect(), 0);
-    client = std::make_unique<TestServer>(bus.address(), "tc.test.client");
-    ASSERT_EQ(client->connect(), 0);
-  }
   // The peer keeps the calls named "hold" unanswered.
   void hold_calls() {
     peer->on_method([this](CDBusMethodCall& call, CDBusMethodReturn&, bool& sendReply) {
@@ -61,11 +48,6 @@ class Handle : public testing::Test {
     return held_count() >= n;
   }
 
-  // First, so it outlives every thread that may still log.
-  LogCaptureScope log;
-  tc_test::DBusDaemon bus;
-  std::unique_ptr<TestServer> peer;
-  std::unique_ptr<TestServer> client;
   std::mutex held_mutex;
   std::vector<CDBusMethodCall> held;
 };

@@ -41,21 +41,7 @@ struct ReplyOrder {
   std::vector<std::string> tags;
 };
 
-class Server : public testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_TRUE(bus.start()) << bus.error();
-    peer = std::make_unique<TestServer>(bus.address(), kPeer);
-    ASSERT_EQ(peer->connect(), 0);
-    client = std::make_unique<TestServer>(bus.address(), "tc.test.client");
-    ASSERT_EQ(client->connect(), 0);
-  }
-  // First, so it outlives every thread that may still log.
-  tc_test::LogCaptureScope log;
-  tc_test::DBusDaemon bus;
-  std::unique_ptr<TestServer> peer;
-  std::unique_ptr<TestServer> client;
-};
+using Server = tc_test::PeerAndClient;
 
 TEST_F(Server, CallsAreHandledOneAtATimeInArrivalOrder) {
   std::mutex mutex;

@@ -2,14 +2,19 @@
 // A CDBusServer for tests: method calls go to a replaceable function, signals
 // and status changes are recorded.
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "common/dbus/src/dbus_server.h"
+#include "tests/support/dbus_daemon.h"
+#include "tests/support/log_capture.h"
 
 namespace tc_test {
 
@@ -65,6 +70,24 @@ class TestServer : public CDBusServer {
   std::mutex m_mutex;
   std::condition_variable m_changed;
   MethodFn m_method;
+};
+
+// A private bus with two test servers on it, "tc.test.peer" and
+// "tc.test.client".
+class PeerAndClient : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(bus.start()) << bus.error();
+    peer = std::make_unique<TestServer>(bus.address(), "tc.test.peer");
+    ASSERT_EQ(peer->connect(), 0);
+    client = std::make_unique<TestServer>(bus.address(), "tc.test.client");
+    ASSERT_EQ(client->connect(), 0);
+  }
+  // First, so it outlives every thread that may still log.
+  LogCaptureScope log;
+  DBusDaemon bus;
+  std::unique_ptr<TestServer> peer;
+  std::unique_ptr<TestServer> client;
 };
 
 }  // namespace tc_test

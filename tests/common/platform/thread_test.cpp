@@ -6,10 +6,13 @@
 #include "common/platform/src/thread/InternalThread.h"
 #include "common/platform/src/thread/Thread.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/wait.h"
 
 using namespace Zentrova::Iot::Platform;
 
 namespace {
+
+using tc_test::eventually;
 
 // Counts passes of a loop that honours the run flag (or not).
 class Looper : public CThread {
@@ -36,14 +39,6 @@ class Looper : public CThread {
  private:
   bool m_obey;
 };
-
-bool eventually(const std::function<bool()>& cond, int ms = 2000) {
-  for (int waited = 0; waited < ms; waited += 5) {
-    if (cond()) return true;
-    CThread::sleepMs(5);
-  }
-  return cond();
-}
 
 TEST(InternalThread, PriorityAndStackRules) {
   EXPECT_EQ(InternalThread::mapPriority(128, 1, 99), 99u);

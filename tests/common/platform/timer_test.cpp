@@ -10,10 +10,13 @@
 #include "common/platform/src/lock/MutexGuard.h"
 #include "common/platform/src/thread/Thread.h"
 #include "common/platform/src/timer/Timer.h"
+#include "tests/support/wait.h"
 
 using namespace Zentrova::Iot::Platform;
 
 namespace {
+
+using tc_test::eventually;
 
 std::atomic<int> g_active{0};
 std::atomic<int> g_maxActive{0};
@@ -58,14 +61,6 @@ class Probe {
   CMutex m_lock;
   std::vector<std::pair<uint64_t, uint64_t>> m_runs;
 };
-
-bool eventually(const std::function<bool()>& cond, int ms = 3000) {
-  for (int waited = 0; waited < ms; waited += 5) {
-    if (cond()) return true;
-    CThread::sleepMs(5);
-  }
-  return cond();
-}
 
 TEST(CTimer, OneShotRunsOnceWithItsUserDataAndCanBeArmedAgain) {
   Probe probe;
