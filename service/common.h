@@ -7,6 +7,8 @@
 // return conventions differ from function to function and callers rely on
 // them exactly.  Descriptors passed in are never closed here.
 
+#include <sys/uio.h>
+
 #include <cstdint>
 #include <string>
 
@@ -53,6 +55,15 @@ int recv_file(int32_t fd, std::string& out);
 int send_file(int32_t fd, const void* buf, int32_t len);
 // One read: bytes read (0 or more); 0 also for an error; -1 when nothing is left to read.
 int recv_file(int32_t fd, void* buf, int32_t len);
+// One readv into `count` pieces, with the conventions of the buffer form.
+int recv_file(int32_t fd, const iovec* iov, int32_t count);
+
+// For descriptors under flow control, where a full buffer is no error: bytes
+// taken (0 when the descriptor takes nothing for now), or -1 on an error,
+// logged as by send_tcp and send_file.  An interrupted call is repeated, so
+// that 0 always means "wait for the writable edge".
+int send_tcp_some(int32_t fd, const void* buf, int32_t len);
+int send_file_some(int32_t fd, const iovec* iov, int32_t count);
 
 // Appends two lower-case hex digits per byte of `in` to `out`.
 void bytes_to_hex(const std::string& in, std::string& out);

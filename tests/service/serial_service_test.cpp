@@ -94,7 +94,10 @@ class SerialLoop : public testing::Test {
     return false;
   }
   // The next connect sweep, and the keep-alive check with it.
-  void advance(uint64_t ms) { g_offset += ms; }
+  void advance(uint64_t ms) {
+    g_offset += ms;
+    service.wake();
+  }
   bool is_link(int n) const {
     struct stat st {};
     return lstat(path(n).c_str(), &st) == 0 && S_ISLNK(st.st_mode);
