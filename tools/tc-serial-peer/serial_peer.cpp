@@ -28,6 +28,7 @@ constexpr int kMaxEvents = 64;
 constexpr int kWaitMs = 200;
 constexpr int kBacklog = 64;
 constexpr uint64_t kFaultPeriodMs = 1000;
+constexpr int kReceiveBuffer = 65536;
 
 }  // namespace
 
@@ -51,6 +52,10 @@ bool CSerialPeer::open() {
   }
   const int one = 1;
   setsockopt(m_listen_fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  // Clients inherit a bounded receive buffer (set before listen, so that the
+  // window is offered from the first segment): a slow port then holds the
+  // bridge back after a few dozen kilobytes, not after megabytes of TCP.
+  setsockopt(m_listen_fd, SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof kReceiveBuffer);
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_port = htons(m_options.port);
