@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -115,6 +116,10 @@ void CSerialPeer::accept_clients() {
     const int fd = accept_tcp(m_listen_fd);
     if (fd < 0) return;
     fcntl(fd, F_SETFD, FD_CLOEXEC);
+    // A small answer from the port goes out at once, not after the
+    // acknowledgement of the previous one (up to the client's delayed ack).
+    const int nodelay = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &nodelay, sizeof nodelay);
     if (epoll_add(m_epfd, fd) < 0) {
       close(fd);
       continue;
