@@ -22,6 +22,7 @@
 // Besides these checks, the sanitizers.
 
 #include <fcntl.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -33,6 +34,7 @@
 #include <vector>
 
 #include "fuzz/fuzz_log.h"
+#include "service/common.h"
 #include "service/serial_frame.h"
 #include "service/serial_link.h"
 
@@ -121,9 +123,17 @@ struct Received {
   }
 };
 
+// The device file's end registered as the bridge's loop registers it.
+struct Epoll {
+  int fd = epoll_create1(EPOLL_CLOEXEC);
+  explicit Epoll(int device_fd) { check(fd >= 0 && epoll_add(fd, device_fd) == 0, "epoll"); }
+  ~Epoll() { close(fd); }
+};
+
 Received receive(int32_t state, const uint8_t* stream, size_t len, Sizes sizes, bool slow) {
   Pair net(false), dev(slow);
-  CSerialLink link(fuzz_config(), dev.fd[0], &fuzz_clock);
+  Epoll epoll(dev.fd[0]);
+  CSerialLink link(fuzz_config(), dev.fd[0], epoll.fd, &fuzz_clock);
   bring_to(link, net, state);
   Received out;
   bool open = true;
@@ -168,7 +178,8 @@ std::string payloads(const std::string& wire) {
 
 void send(const uint8_t* stream, size_t len, Sizes sizes, bool slow) {
   Pair net(slow), dev(false);
-  CSerialLink link(fuzz_config(), dev.fd[0], &fuzz_clock);
+  Epoll epoll(dev.fd[0]);
+  CSerialLink link(fuzz_config(), dev.fd[0], epoll.fd, &fuzz_clock);
   bring_to(link, net, kSerialEstablished);
   std::string wire;
   for (size_t pos = 0; pos < len;) {

@@ -246,9 +246,10 @@ int create_device_file(const std::string& link) {
 
 namespace {
 
-epoll_event channel_event(int fd) {
+epoll_event channel_event(int fd, bool writable = true) {
   epoll_event ev{};
-  ev.events = EPOLLIN | EPOLLOUT | EPOLLERR | EPOLLHUP | EPOLLET;
+  ev.events = EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLET;
+  if (writable) ev.events |= EPOLLOUT;
   ev.data.fd = fd;
   return ev;
 }
@@ -268,6 +269,15 @@ int epoll_del(int32_t epfd, int32_t fd) {
   epoll_event ev = channel_event(fd);
   if (epoll_ctl(epfd, EPOLL_CTL_DEL, fd, &ev) < 0) {
     TC_LOG(2, "epoll_ctl EPOLL_CTL_DEL fd: %d, error: %s", fd, strerror(errno));
+    return -1;
+  }
+  return 0;
+}
+
+int epoll_mod(int32_t epfd, int32_t fd, bool writable) {
+  epoll_event ev = channel_event(fd, writable);
+  if (epoll_ctl(epfd, EPOLL_CTL_MOD, fd, &ev) < 0) {
+    TC_LOG(2, "epoll_ctl EPOLL_CTL_MOD fd: %d, error: %s", fd, strerror(errno));
     return -1;
   }
   return 0;

@@ -44,6 +44,9 @@ int create_device_file(const std::string& link);
 // Edge-triggered registration for in, out, error and hang-up.  0, or -1.
 int epoll_add(int32_t epfd, int32_t fd);
 int epoll_del(int32_t epfd, int32_t fd);
+// Changes a registration made by epoll_add to report the writable edge or
+// not.  Re-arming reports room that is there already.  0, or -1.
+int epoll_mod(int32_t epfd, int32_t fd, bool writable);
 
 // One write of all of `data`: 1 when every byte went out, else 0 (also for an empty string).
 int send_file(int32_t fd, const std::string& data);

@@ -22,8 +22,8 @@ constexpr size_t kSendPayload = kLinkSendFrames * kFrameMaxPayload;
 
 }  // namespace
 
-CSerialLink::CSerialLink(const SerialDeviceConfig& config, int device_fd, Clock clock)
-    : m_config(config), m_device_fd(device_fd), m_clock(clock) {}
+CSerialLink::CSerialLink(const SerialDeviceConfig& config, int device_fd, int epfd, Clock clock)
+    : m_config(config), m_device_fd(device_fd), m_epfd(epfd), m_clock(clock) {}
 
 CSerialLink::~CSerialLink() = default;
 
@@ -106,6 +106,7 @@ bool CSerialLink::deal_message() {
         }
         if (static_cast<size_t>(nwrite) < bytes) {
           m_device_held = true;
+          watch_device_room(true);
           break;
         }
         if (m_device_held) {
@@ -223,6 +224,9 @@ bool CSerialLink::deal_device_message() {
         break;
       }
       held += static_cast<size_t>(n);
+      // Less than a frame's worth: a request, not a stream; it goes out now
+      // and the next read comes after it.
+      if (static_cast<size_t>(n) < kFrameMaxPayload) break;
     }
     if (held == 0) return true;
     // Nothing is queued while the link is down: the bytes are dropped.
@@ -260,7 +264,27 @@ int CSerialLink::send_frames(const uint8_t* frames, size_t len) {
   return n;
 }
 
+bool CSerialLink::deal_device_room() {
+  if (m_device_held) return deal_message();
+  // An edge nobody waits for: stop asking for them until payloads wait again.
+  watch_device_room(false);
+  return true;
+}
+
+void CSerialLink::watch_device_room(bool watch) {
+  if (watch == m_device_room_watched) return;
+  m_device_room_watched = watch;
+  epoll_mod(m_epfd, m_device_fd, watch);
+}
+
+void CSerialLink::track_reader() {
+  m_reader_tracked = true;
+  m_reader = Reader::absent;
+  check_reader();
+}
+
 void CSerialLink::check_reader() {
+  if (!m_reader_tracked) return;
   // A closed slave shows as a hang-up on the master.
   pollfd p{m_device_fd, 0, 0};
   if (poll(&p, 1, 0) == 1 && (p.revents & POLLHUP)) {

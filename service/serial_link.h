@@ -55,9 +55,9 @@ class CSerialLink {
  public:
   using Clock = uint64_t (*)();
 
-  // `device_fd`: the non-blocking device file (pseudo-terminal master).  Not
-  // closed by the link.  Without check_reader() a reader counts as present.
-  CSerialLink(const SerialDeviceConfig& config, int device_fd, Clock clock);
+  // `device_fd`: the non-blocking device file (pseudo-terminal master),
+  // registered with `epfd` by epoll_add.  Not closed by the link.
+  CSerialLink(const SerialDeviceConfig& config, int device_fd, int epfd, Clock clock);
   ~CSerialLink();
   CSerialLink(const CSerialLink&) = delete;
   CSerialLink& operator=(const CSerialLink&) = delete;
@@ -90,10 +90,12 @@ class CSerialLink {
   bool deal_device_message();
   // Writable edges: resume the direction that waits for that descriptor.
   bool deal_socket_room() { return m_to_socket_len == 0 || deal_device_message(); }
-  bool deal_device_room() { return !m_device_held || deal_message(); }
+  bool deal_device_room();
 
-  // Looks whether a program holds the device file open, after the loop
-  // learnt that one opened or closed it.
+  // From now on bytes go to the device file only while a program holds it
+  // open: the loop watches its opens and calls check_reader() after each
+  // open or hang-up.  Without this a reader counts as always there.
+  void track_reader();
   void check_reader();
   // When held payloads may go to a reader that is still setting up; 0 when
   // nothing waits for that.
@@ -117,9 +119,11 @@ class CSerialLink {
   // Sends whole frames; what the socket does not take waits.  -1 on error.
   int send_frames(const uint8_t* frames, size_t len);
   bool reader_ready();
+  void watch_device_room(bool watch);
 
   const SerialDeviceConfig m_config;
   const int m_device_fd;
+  const int m_epfd;
   const Clock m_clock;
   int m_socket_fd = -1;
   std::atomic<int32_t> m_state{kSerialIdle};
@@ -130,6 +134,9 @@ class CSerialLink {
   size_t m_recv_len = 0;
   size_t m_written = 0;
   bool m_device_held = false;
+  // Whether the device file's writable edges are asked for: only while
+  // payloads wait, else every read of its program would wake the loop.
+  bool m_device_room_watched = true;
 
   // Device file to peer: frames the socket has not taken yet.
   std::unique_ptr<uint8_t[]> m_to_socket;
@@ -137,6 +144,7 @@ class CSerialLink {
   size_t m_to_socket_len = 0;
   uint64_t m_taken_ms = 0;
 
+  bool m_reader_tracked = false;
   Reader m_reader = Reader::present;
   uint64_t m_settle_until = 0;
 };

@@ -217,7 +217,7 @@ void CSerialService::threadProc() {
     const int n = epoll_wait(epfd, events, kMaxEvents,
                              sweep_now ? 0 : wait_ms(devices, last_connect, last_keepalive_check));
     // Without an epoll set the loop still paces itself.
-    if (n < 0 && errno != EINTR) sleepMs(static_cast<uint32_t>(wait_ms(devices, last_connect, last_keepalive_check)));
+    if (n < 0 && errno != EINTR) sleepMs(1000);
     for (int i = 0; i < n; ++i) {
       const int fd = events[i].data.fd;
       const uint32_t ev = events[i].events;
@@ -299,14 +299,14 @@ void CSerialService::reload_devices(int epfd, DeviceList& devices) {
       close(device_fd);
       continue;
     }
-    CSerialLink* device = new (std::nothrow) CSerialLink(*record, device_fd, m_clock);
+    CSerialLink* device = new (std::nothrow) CSerialLink(*record, device_fd, epfd, m_clock);
     if (!device) {
       epoll_del(epfd, device_fd);
       close(device_fd);
       continue;
     }
     // Untracked, the device file counts as read by someone.
-    if (watch_opens(m_open_watch_fd, device_fd)) device->check_reader();
+    if (watch_opens(m_open_watch_fd, device_fd)) device->track_reader();
     const SerialDeviceConfig& c = device->config();
     TC_LOG(1, "add device, %s %s:%s %d:%d:%d:%s:%d", c.local_device.c_str(), c.ip.c_str(), c.device.c_str(),
            static_cast<int32_t>(c.baud_rate), c.data_bit, c.stop_bit, c.parity.c_str(), c.flow_control);
