@@ -58,7 +58,8 @@ int master(const char* device, double seconds) {
   long errors = 0;
   auto one = [&]() {
     const auto t = Clock::now();
-    const bool ok = modbus_read_registers(ctx, 0, kRegisters, regs) == kRegisters && regs[kRegisters - 1] == 3 * (kRegisters - 1);
+    const bool ok = modbus_read_registers(ctx, 0, kRegisters, regs) == kRegisters &&
+                    regs[kRegisters - 1] == 3 * (kRegisters - 1);
     if (!ok) {
       ++errors;
       modbus_flush(ctx);

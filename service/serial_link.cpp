@@ -188,7 +188,8 @@ int CSerialLink::gather_run(size_t at, iovec* run, size_t& bytes) const {
 
 bool CSerialLink::deal_device_message() {
   if (m_to_socket_len > 0) {
-    const int n = send_tcp_some(m_socket_fd, m_to_socket.get() + m_to_socket_off, static_cast<int32_t>(m_to_socket_len));
+    const int n =
+        send_tcp_some(m_socket_fd, m_to_socket.get() + m_to_socket_off, static_cast<int32_t>(m_to_socket_len));
     if (n < 0) {
       TC_LOG(3, "deal device message, send_tcp error nread: %d, nwrite: %d", static_cast<int>(m_to_socket_len), n);
       return false;

@@ -42,7 +42,7 @@ constexpr uint64_t kConnectSweepMs = 60000;
 constexpr uint64_t kKeepaliveCheckMs = 10000;
 constexpr int32_t kKeepaliveTimeoutMs = 30000;
 constexpr size_t kStatusLineSize = 1024;
-constexpr int kReceiveBuffer = 65536;
+constexpr int kTickStepMs = 10;
 
 CSerialLink* find_by_socket(std::list<CSerialLink*>& devices, int fd) {
   if (fd < 0) return nullptr;
@@ -265,9 +265,11 @@ int CSerialService::wait_ms(const DeviceList& devices, uint64_t last_connect, ui
     const uint64_t settle = device->settle_due();
     if (settle != 0 && settle < due) due = settle;
   }
+  // The tick moves in steps; waking a step late beats waking twice.
   const uint64_t now = m_clock();
   if (due <= now) return 0;
-  return due - now > static_cast<uint64_t>(INT32_MAX) ? INT32_MAX : static_cast<int>(due - now);
+  const uint64_t wait = due - now + kTickStepMs;
+  return wait > static_cast<uint64_t>(INT32_MAX) ? INT32_MAX : static_cast<int>(wait);
 }
 
 void CSerialService::reload_devices(int epfd, DeviceList& devices) {
@@ -333,10 +335,6 @@ void CSerialService::do_connect(int epfd, DeviceList& devices) {
     // acknowledgement of the previous one (up to the peer's delayed ack).
     const int nodelay = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &nodelay, sizeof(nodelay));
-    // What the device file has not taken waits in a bounded window (set
-    // before connecting, so that it is offered from the start): the peer is
-    // held back after a few dozen kilobytes, not after megabytes.
-    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof kReceiveBuffer);
     const SerialDeviceConfig& c = device->config();
     TC_LOG(1, "do connect, %s %s:%s %d:%d:%d:%s:%d", c.local_device.c_str(), c.ip.c_str(), c.device.c_str(),
            static_cast<int32_t>(c.baud_rate), c.data_bit, c.stop_bit, c.parity.c_str(), c.flow_control);

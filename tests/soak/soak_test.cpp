@@ -193,8 +193,8 @@ void read_all(std::vector<std::unique_ptr<Stream>>& streams, const std::atomic<b
   const auto start = Clock::now();
   while (!stop) {
     const auto now = Clock::now();
-    const bool pause = !writing_stopped &&
-                       std::chrono::duration_cast<std::chrono::seconds>(now - start).count() % kCycleS >= kCycleS - kPauseS;
+    const auto second = std::chrono::duration_cast<std::chrono::seconds>(now - start).count();
+    const bool pause = !writing_stopped && second % kCycleS >= kCycleS - kPauseS;
     for (size_t i = 0; i < streams.size(); ++i) {
       const bool quiet = now < quiet_until[i] || (pause && streams[i]->pauses);
       fds[i] = {quiet ? -1 : streams[i]->in, POLLIN, 0};
@@ -407,8 +407,11 @@ TEST(Soak, BytesStayWholeAndNothingLeaksUnderLoadFaultsAndChanges) {
       EXPECT_EQ(c.reordered, 0u) << name;
       if (d < kCleanDevices) {
         (s.pauses ? paused_sent : steady_sent) += s.sent;
-        // A pause outlasts every buffer on the way, so the writer was held back.
-        if (s.pauses) {
+        // A pause at the far end outlasts the buffers on the way back to the
+        // device file (tc-serial-peer's window is small), so its writer was
+        // held back.  Towards the gateway the device write is cut within
+        // the first few kilobytes anyway; TCP there may take in the rest.
+        if (s.pauses && i % 2 == 0) {
           EXPECT_GE(s.held_back, kRate) << name;
         }
         EXPECT_EQ(c.records, s.sent) << name << ": " << c.lost << " lost, " << c.stray << " stray bytes";
