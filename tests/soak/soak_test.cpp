@@ -180,6 +180,18 @@ void write_paced(std::vector<std::unique_ptr<Stream>>& streams, const std::atomi
       if (n > 0) s.pending.erase(0, static_cast<size_t>(n));
     }
   }
+  // Records made are records sent: what a paused reader held back goes out now.
+  for (const auto end = Clock::now() + std::chrono::seconds(5); Clock::now() < end;) {
+    bool left = false;
+    for (auto& stream : streams) {
+      Stream& s = *stream;
+      const ssize_t n = s.pending.empty() ? 0 : write(s.out, s.pending.data(), s.pending.size());
+      if (n > 0) s.pending.erase(0, static_cast<size_t>(n));
+      left = left || !s.pending.empty();
+    }
+    if (!left) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
 }
 
 // Reads every stream's `in` until stopped; a master whose slave is closed
