@@ -129,17 +129,17 @@ bool CSerialLink::deal_message() {
       const int32_t state = m_state.load();
       switch (classify_frame(header, state == kSerialEstablished, state == kSerialAwaiting)) {
         case FrameRole::keepalive:
+          m_last_keepalive_ms = m_clock();
           TC_LOG(0, "deal keepalive message, [%s:%s] --> [%s]", c.ip.c_str(), c.device.c_str(),
                  c.local_device.c_str());
-          m_last_keepalive_ms = m_clock();
           break;
         case FrameRole::response: {
           int32_t code = 0;
           char message[kFrameMaxSize];
           read_connect_response(buf + at, header.len, code, message, sizeof message);
+          m_last_keepalive_ms = m_clock();
           TC_LOG(1, "deal message, response code:%d, message:%s, fd:%d, local_device:%s, remote_device:%s:%s", code,
                  message, m_socket_fd, c.local_device.c_str(), c.ip.c_str(), c.device.c_str());
-          m_last_keepalive_ms = m_clock();
           m_state.store(code == 0 ? kSerialEstablished : kSerialRefused);
           ok = code == 0;
           break;
