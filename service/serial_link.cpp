@@ -225,8 +225,9 @@ bool CSerialLink::deal_device_message() {
         break;
       }
       held += static_cast<size_t>(n);
-      // Less than a frame's worth: a request, not a stream; it goes out now
-      // and the next read comes after it.
+      // Less than a frame's worth: a request, not a stream, and the terminal
+      // is empty; it goes out now, and a byte written later raises a new edge
+      // (a program closing it, a hang-up, which every event reports).
       if (static_cast<size_t>(n) < kFrameMaxPayload) break;
     }
     if (held == 0) return true;

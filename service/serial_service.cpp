@@ -203,6 +203,7 @@ void CSerialService::threadProc() {
   epoll_event events[kMaxEvents];
   uint64_t last_connect = 0;
   uint64_t last_keepalive_check = 0;
+  uint64_t now = m_clock();
 
   while (running.load() && isRunning()) {
     // A reload sweeps in the same pass, even while the tick is still below
@@ -215,7 +216,7 @@ void CSerialService::threadProc() {
     }
 
     const int n = epoll_wait(epfd, events, kMaxEvents,
-                             sweep_now ? 0 : wait_ms(devices, last_connect, last_keepalive_check));
+                             sweep_now ? 0 : wait_ms(devices, now, last_connect, last_keepalive_check));
     // Without an epoll set the loop still paces itself.
     if (n < 0 && errno != EINTR) sleepMs(1000);
     for (int i = 0; i < n; ++i) {
@@ -238,7 +239,7 @@ void CSerialService::threadProc() {
       if (ev & EPOLLHUP) deal_reader(epfd, devices);
     }
 
-    const uint64_t now = m_clock();
+    now = m_clock();
     if (sweep_now || now - last_connect > kConnectSweepMs) {
       last_connect = now;
       do_connect(epfd, devices);
@@ -257,7 +258,8 @@ void CSerialService::threadProc() {
   }
 }
 
-int CSerialService::wait_ms(const DeviceList& devices, uint64_t last_connect, uint64_t last_keepalive_check) const {
+int CSerialService::wait_ms(const DeviceList& devices, uint64_t now, uint64_t last_connect,
+                            uint64_t last_keepalive_check) const {
   // The sweep and the check run once their interval is exceeded.
   uint64_t due = last_connect + kConnectSweepMs + 1;
   if (last_keepalive_check + kKeepaliveCheckMs + 1 < due) due = last_keepalive_check + kKeepaliveCheckMs + 1;
@@ -266,7 +268,6 @@ int CSerialService::wait_ms(const DeviceList& devices, uint64_t last_connect, ui
     if (settle != 0 && settle < due) due = settle;
   }
   // The tick moves in steps; waking a step late beats waking twice.
-  const uint64_t now = m_clock();
   if (due <= now) return 0;
   const uint64_t wait = due - now + kTickStepMs;
   return wait > static_cast<uint64_t>(INT32_MAX) ? INT32_MAX : static_cast<int>(wait);

@@ -73,8 +73,9 @@ class CSerialService : public Platform::CThread {
   // A program opened or closed a device file, or one that opened it has had
   // its moment to set up: held bytes may go to it now.
   void deal_reader(int epfd, DeviceList& devices);
-  // Milliseconds until the next sweep, keep-alive check or reader set-up is due.
-  int wait_ms(const DeviceList& devices, uint64_t last_connect, uint64_t last_keepalive_check) const;
+  // Milliseconds from `now` until the next sweep, keep-alive check or reader
+  // set-up is due.
+  int wait_ms(const DeviceList& devices, uint64_t now, uint64_t last_connect, uint64_t last_keepalive_check) const;
 
   // Closes every descriptor of every live device and of the loop, removes
   // the links and frees the records.
