@@ -86,9 +86,10 @@ class Gateway {
   // "tc-config set KEY VALUE" as a user would type it; the exit status.
   int set_config(const std::string& key, const std::string& value);
 
-  // Waits until the service's main thread sleeps in system call `number`
-  // (from /proc), so that a signal sent next finds it inside that call.
-  bool wait_main_thread_in(long number, int timeout_ms);
+  // Waits until the service's main thread (or, with `main` false, any other
+  // thread) sleeps in system call `number` (from /proc), so that what the
+  // test does next finds it inside that call.
+  bool wait_thread_in(long number, int timeout_ms, bool main = true);
 
   // Sends `sig` and waits for the service to end.
   ExitResult stop_service(int sig);
