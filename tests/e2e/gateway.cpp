@@ -90,7 +90,8 @@ bool Gateway::start_lora_sim(const std::vector<std::string>& options) {
 }
 
 bool Gateway::start_serial_peer(const std::string& ip, const std::vector<std::string>& options) {
-  std::vector<std::string> argv{kSerialPeer, "--bind", ip, "--keepalive", "1"};
+  // The remote ports of the tests are pseudo-terminals, which the peer does not open by default.
+  std::vector<std::string> argv{kSerialPeer, "--bind", ip, "--keepalive", "1", "--allow", "/dev/pts/*"};
   argv.insert(argv.end(), options.begin(), options.end());
   m_serial_peers.push_back(run(argv));
   if (!m_serial_peers.back()->wait_for_line("listening on", kReadyMs)) {
@@ -99,8 +100,10 @@ bool Gateway::start_serial_peer(const std::string& ip, const std::vector<std::st
   return true;
 }
 
-bool Gateway::start_service() {
-  m_service = run({kService});
+bool Gateway::start_service(const std::vector<std::string>& wrapper) {
+  std::vector<std::string> argv = wrapper;
+  argv.push_back(kService);
+  m_service = run(argv);
   return m_service->started() || fail("transparent-channel did not start");
 }
 

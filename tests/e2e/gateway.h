@@ -60,11 +60,12 @@ class Gateway {
   // "tc-config serve --store FILE", FILE holding `keys`.
   bool start_manager(const Keys& keys);
   bool start_lora_sim(const std::vector<std::string>& options = {});
-  // "tc-serial-peer --bind ip --keepalive 1 OPTIONS"; peers are numbered in
-  // the order they start.
+  // "tc-serial-peer --bind ip --keepalive 1 --allow /dev/pts/* OPTIONS";
+  // peers are numbered in the order they start.
   bool start_serial_peer(const std::string& ip, const std::vector<std::string>& options = {});
-  // Starts the service without waiting for anything.
-  bool start_service();
+  // Starts the service without waiting for anything; `wrapper` (a command
+  // that runs the rest of its line) goes in front of it.
+  bool start_service(const std::vector<std::string>& wrapper = {});
   bool wait_ready();
   // Bus, manager, LoRa simulator, serial peer on 127.0.0.2, then the service,
   // until it reports its start-up done.
