@@ -244,7 +244,8 @@ TEST(Lifecycle, AnIntervalThatIsNotANumberIsRefusedAndHoldsNothingBack) {
 
   const std::string answered =
       std::string("notify_config, [") + kIntervalKey + "] to [iot.gateway.transparentchannel] result [";
-  const std::pair<const char*, int> changes[] = {{"250", 0}, {"never", 100200}, {"99999999999", 100200}, {"-1", 100200}};
+  const std::pair<const char*, int> changes[] = {
+      {"250", 0}, {"never", 100200}, {"99999999999", 100200}, {"-1", 100200}};
   for (const auto& [value, code] : changes) {
     const std::string answer = answered + std::to_string(code) + "].";
     const size_t before = gw.manager().count_lines(answer);

@@ -125,9 +125,9 @@ TEST_F(Unit, TheServiceDoesItsJobInItsSandbox) {
   ASSERT_TRUE(gw.wait_ready()) << gw.error();
   // The bus, a pseudo-terminal behind a link in its folder, TCP to the peer,
   // UDP to the LoRa services; nothing elsewhere.
+  const std::string connected = e2e::status_line(gw.path("ttyV1"), "127.0.0.2", port.path(), true);
   std::string last;
-  EXPECT_TRUE(gw.wait_status(e2e::status_line(gw.path("ttyV1"), "127.0.0.2", port.path(), true), 10000 * e2e::kSlowdown, &last))
-      << last;
+  EXPECT_TRUE(gw.wait_status(connected, 10000 * e2e::kSlowdown, &last)) << last;
   EXPECT_TRUE(gw.service().wait_for_line("symlink error: Read-only file system", 5000)) << gw.service().output();
   EXPECT_TRUE(lora_test::path_exists(gw.path("lora1")));
   e2e::expect_bounded_stop(gw);
