@@ -83,7 +83,8 @@ int CLoraNode::start() {
 void CLoraNode::close_socket() {
   // A shut-down socket ends a receive at once and fails every later send, so
   // an exchange on another thread returns instead of waiting out its 10 s.
-  // The descriptor itself stays valid until that exchange has let go of it.
+  // (On an unconnected socket it answers ENOTCONN, and does both all the
+  // same.)  The descriptor itself stays valid until that exchange has let go of it.
   const int fd = m_socket.load();
   if (fd > 0) shutdown(fd, SHUT_RDWR);
   Platform::CMutexGuard guard(&m_exchange_lock);

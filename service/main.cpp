@@ -61,8 +61,9 @@ void copy_text(char* to, size_t cap, size_t& len, const char* from) {
   to[len] = '\0';
 }
 
-// The termination signals a handler is installed for; held back until it is.
+// The signals our handler is installed for, in that order.
 const int kHandledSignals[] = {SIGTERM, SIGINT, SIGSEGV, SIGPIPE, SIGQUIT, SIGILL, SIGABRT, SIGUSR1};
+// Those sent from outside to end the service: held back until the handler is in place.
 const int kTerminationSignals[] = {SIGTERM, SIGINT, SIGQUIT, SIGUSR1};
 
 void set_blocked(const int* signals, size_t count, int how);
