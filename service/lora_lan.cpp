@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <set>
 
@@ -36,9 +38,22 @@ bool config_read(int32_t result) {
   return result == 0 || result == Component::CConfigAgent::kNoValue;
 }
 
-// Leading digits of `value`; throws std::invalid_argument without any and
-// std::out_of_range past 32 bits.
-int32_t interval_from(const std::string& value) { return value.empty() ? kDefaultInterval : std::stoi(value); }
+// The interval a configuration value gives: the default when empty, else its
+// leading decimal digits.  False for text without digits, a negative number,
+// or one past 32 bits; `interval` is then left alone.
+bool interval_from(const std::string& value, int32_t& interval) {
+  if (value.empty()) {
+    interval = kDefaultInterval;
+    return true;
+  }
+  const char* text = value.c_str();
+  char* end = nullptr;
+  errno = 0;
+  const long long number = std::strtoll(text, &end, 10);
+  if (end == text || errno == ERANGE || number < 0 || number > INT32_MAX) return false;
+  interval = static_cast<int32_t>(number);
+  return true;
+}
 
 const char* bool_text(bool value) { return value ? "true" : "false"; }
 
@@ -87,8 +102,12 @@ int CLoraLan::start() {
     return 0;
   }
   TC_LOG(1, "start, get config %s:%s", kIntervalKey, interval.c_str());
-  // Not caught here: the caller's top level logs it and retries the start.
-  m_down_packet_interval = interval_from(interval);
+  // A bad value must not keep the bridge (and the components after it) down.
+  int32_t ms = m_down_packet_interval;
+  if (!interval_from(interval, ms)) {
+    TC_LOG(2, "start, [%s] is not a number of milliseconds, keep %d", kIntervalKey, static_cast<int>(ms));
+  }
+  m_down_packet_interval = ms;
 
   const int fd = create_udp(LORA_LAN_IP, LORA_LAN_LOCAL_PORT, 0);
   if (fd < 0) {
@@ -193,11 +212,17 @@ bool CLoraLan::deal_device_change_config(const std::string& value, LoraLanDevice
 }
 
 void CLoraLan::deal_down_packet_interval_change_config(const std::string& key, const std::string& value,
-                                                       int& /*extra*/) {
+                                                       int& extra) {
   if (key != kIntervalKey) return;
   TC_LOG(1, "deal_down_packet_interval_change_config, %s:%s", key.c_str(), value.c_str());
-  // Not caught here: the notification worker's top level logs it.
-  m_down_packet_interval = interval_from(value);
+  int32_t ms = m_down_packet_interval;
+  if (!interval_from(value, ms)) {
+    TC_LOG(2, "deal_down_packet_interval_change_config, [%s] is not a number of milliseconds, keep %d",
+           kIntervalKey, static_cast<int>(ms));
+    extra = Component::CConfigAgent::kValueRefused;
+    return;
+  }
+  m_down_packet_interval = ms;
 }
 
 int CLoraLan::recv_lora_message(int fd, std::string& data, std::string& dev_eui, int32_t& fport) {

@@ -33,8 +33,7 @@ class CLoraLan : public Platform::CThread {
   ~CLoraLan() override;
 
   // 1 running, or deliberately idle (mode other than "pts"); 0 failed, retry.
-  // A down-packet interval that is not a number throws std::invalid_argument
-  // (std::out_of_range when too large) before anything is acquired.
+  // A down-packet interval that is not a number keeps the one in force.
   int start();
   // Safe when never started.
   void stop();
@@ -44,7 +43,8 @@ class CLoraLan : public Platform::CThread {
   // Empties `devices`, then fills it from the JSON array `value`.  False for a
   // value that is not a JSON array; items without file or EUI are skipped.
   bool deal_device_change_config(const std::string& value, LoraLanDeviceList& devices);
-  // Subscription callback of the interval; throws like start() on a bad number.
+  // Subscription callback of the interval; a value that is not a number is
+  // answered with CConfigAgent::kValueRefused and changes nothing.
   void deal_down_packet_interval_change_config(const std::string& key, const std::string& value, int& extra);
 
  protected:

@@ -76,7 +76,16 @@ void CDBusInternalCallback::dispatch(const CallbackItem& item) {
     CDBusMethodCall call(static_cast<DBusMessage*>(item.payload));
     CDBusMethodReturn reply(call);
     bool sendReply = true;
-    m_server->message_method(call, reply, sendReply);
+    try {
+      m_server->message_method(call, reply, sendReply);
+    } catch (abi::__forced_unwind&) {
+      throw;
+    } catch (...) {
+      // The caller still gets an (empty) answer instead of waiting out its time-out.
+      CDBusMethodReturn empty(call);
+      m_server->send_dbus_reply(empty);
+      throw;
+    }
     if (sendReply) m_server->send_dbus_reply(reply);
   } else if (item.kind == m_signalKind) {
     CDBusSignal signal(static_cast<DBusMessage*>(item.payload));
