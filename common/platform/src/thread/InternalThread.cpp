@@ -4,11 +4,12 @@
 #include <sched.h>
 
 #include <cassert>
+#include <chrono>
+#include <condition_variable>
 #include <exception>
+#include <mutex>
 
 #include "common/log/log.h"
-#include "common/platform/src/lock/Mutex.h"
-#include "common/platform/src/lock/MutexGuard.h"
 
 namespace Zentrova {
 namespace Iot {
@@ -17,13 +18,15 @@ namespace Platform {
 namespace {
 constexpr uint32_t kStackStep = 16384;
 constexpr uint32_t kStopWaitMs = 3000;
-constexpr uint32_t kStopStepMs = 30;
 }  // namespace
 
-// Bookkeeping of the current run.  `generation` tells a thread that was
-// cancelled (and so replaced by a later start) to leave the fields alone.
+// Bookkeeping of the current run.  `generation` tells a thread that stopped
+// itself (and so may have been replaced by a later start) to leave the
+// fields alone.
 struct InternalThread::State {
-  CMutex lock;
+  std::mutex lock;
+  // Notified when a thread has finished, by returning or by being cancelled.
+  std::condition_variable ended;
   uint64_t generation = 0;
   pthread_t handle = 0;
   CThread* owner = nullptr;
@@ -37,6 +40,25 @@ struct InternalThread::Launch {
   uint64_t generation;
   CThread* owner;
   std::string name;
+};
+
+// Runs when the thread body is left in any way, the unwinding of a
+// cancellation included: the last thing the thread does with its owner's
+// bookkeeping, so a stopper woken here may delete the owner.
+struct InternalThread::Finish {
+  ~Finish() {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    State& s = *launch.state;
+    std::lock_guard<std::mutex> guard(s.lock);
+    if (s.generation == launch.generation && s.alive.load()) {
+      s.handle = 0;
+      s.run.store(false);
+      s.owner = nullptr;
+      s.alive.store(false);
+    }
+    s.ended.notify_all();
+  }
+  const Launch& launch;
 };
 
 uint32_t InternalThread::mapPriority(uint32_t requested, uint32_t min, uint32_t max) {
@@ -92,7 +114,7 @@ bool InternalThread::running() const { return m_state->run.load(); }
 
 bool InternalThread::start(CThread* owner) {
   State& s = *m_state;
-  CMutexGuard guard(&s.lock);
+  std::lock_guard<std::mutex> guard(s.lock);
   if (s.alive.load() || owner == nullptr) return false;
   s.alive.store(true);
   s.run.store(true);
@@ -112,8 +134,8 @@ bool InternalThread::start(CThread* owner) {
 // that is how glibc implements cancellation, not a fault of ours.
 __attribute__((no_sanitize("undefined"))) void* InternalThread::entry(void* arg) {
   std::unique_ptr<Launch> launch(static_cast<Launch*>(arg));
-  State& s = *launch->state;
-  s.threadId.store(CThread::currentThreadId());
+  launch->state->threadId.store(CThread::currentThreadId());
+  Finish finish{*launch};
   try {
     launch->owner->threadProc();
   } catch (abi::__forced_unwind&) {
@@ -122,15 +144,6 @@ __attribute__((no_sanitize("undefined"))) void* InternalThread::entry(void* arg)
     TC_LOG(3, "threadProc, %s ended by an exception: %s", launch->name.c_str(), e.what());
   } catch (...) {
     TC_LOG(3, "threadProc, %s ended by an unknown exception", launch->name.c_str());
-  }
-  // A cancel that lost the race must not hit the bookkeeping below.
-  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-  CMutexGuard guard(&s.lock);
-  if (s.generation == launch->generation && s.alive.load()) {
-    s.handle = 0;
-    s.run.store(false);
-    s.owner = nullptr;
-    s.alive.store(false);
   }
   return nullptr;
 }
@@ -146,25 +159,36 @@ bool InternalThread::stop() {
   if (!s.alive.load()) return false;
   s.run.store(false);
   if (CThread::currentThreadId() != s.threadId.load()) {
-    for (uint32_t waited = 0; waited < kStopWaitMs && s.alive.load(); waited += kStopStepMs) {
-      CThread::sleepMs(kStopStepMs);
-    }
+    std::unique_lock<std::mutex> lock(s.lock);
+    const uint64_t generation = s.generation;
+    const bool ended = s.ended.wait_for(lock, std::chrono::milliseconds(kStopWaitMs), [&] {
+      return !s.alive.load() || s.generation != generation;
+    });
+    if (ended) return true;
+    TC_LOG(2, "stop, %s did not end within %u ms, cancel it", m_name.c_str(), kStopWaitMs);
   }
-  if (!s.alive.load()) return true;
   cancel();
   return true;
 }
 
 bool InternalThread::cancel() {
   State& s = *m_state;
-  CMutexGuard guard(&s.lock);
+  std::unique_lock<std::mutex> lock(s.lock);
   if (!s.alive.load()) return false;
   s.run.store(false);
-  if (CThread::currentThreadId() != s.threadId.load() && s.handle != 0) pthread_cancel(s.handle);
+  if (CThread::currentThreadId() == s.threadId.load() || s.handle == 0) {
+    // From the thread itself: it goes on to its end on its own.
+    s.threadId.store(0);
+    s.handle = 0;
+    s.owner = nullptr;
+    s.alive.store(false);
+    return true;
+  }
+  pthread_cancel(s.handle);
+  // Like a join: once this returns, nothing of the thread touches its owner.
+  const uint64_t generation = s.generation;
+  s.ended.wait(lock, [&] { return !s.alive.load() || s.generation != generation; });
   s.threadId.store(0);
-  s.handle = 0;
-  s.owner = nullptr;
-  s.alive.store(false);
   return true;
 }
 

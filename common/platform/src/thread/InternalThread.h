@@ -1,7 +1,8 @@
 #pragma once
 // InternalThread: the POSIX thread behind a CThread.  Attributes are built once
 // in the constructor; the thread runs detached; stop is cooperative with a
-// bounded wait, then forced.
+// bounded wait for the thread's end, then forced, and a forced end returns only
+// once the thread has finished unwinding.
 
 #include <pthread.h>
 
@@ -44,6 +45,7 @@ class InternalThread {
  private:
   struct State;
   struct Launch;
+  struct Finish;
   static void* entry(void* arg);
 
   std::string m_name;
