@@ -15,11 +15,6 @@ namespace DBus {
 
 using Platform::CMutexGuard;
 
-namespace {
-// An idle worker wakes this often to re-check its flags.
-constexpr uint32_t kIdleWaitMs = 10000;
-}  // namespace
-
 CDBusInternalCallback::CDBusInternalCallback(CDBusServer* server)
     : CThread("DBus_callback_thread", POLICY_NORMAL, 64, 0), m_server(server) {}
 
@@ -88,7 +83,8 @@ void CDBusInternalCallback::dispatch(const CallbackItem& item) {
 
 void CDBusInternalCallback::threadProc() {
   while (m_started.load() && isRunning()) {
-    m_wake.wait(kIdleWaitMs);
+    // One post per queued item, and one from stop().
+    m_wake.wait(0);
     CallbackItem* item = nullptr;
     {
       CMutexGuard guard(&m_lock);
