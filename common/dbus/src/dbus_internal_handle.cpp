@@ -288,19 +288,22 @@ bool CDBusInternalHandle::set_watchdog(const char* path, const char* text, uint3
 
 int CDBusInternalHandle::feed_watchdog(uint64_t& lastFeed) {
   int32_t interval;
-  std::string path;
-  std::string text;
   {
     CMutexGuard guard(&m_lock);
     interval = static_cast<int32_t>(m_watchdogInterval);
-    path = m_watchdogPath;
-    text = m_watchdogText;
   }
   if (interval <= 0) return -1;
   // Fed once more than `interval` whole seconds have passed.
   const uint64_t periodMs = (static_cast<uint64_t>(interval) + 1) * 1000;
-  uint64_t now = Platform::tickMs();
+  const uint64_t now = Platform::tickMs();
   if (now - lastFeed >= periodMs) {
+    std::string path;
+    std::string text;
+    {
+      CMutexGuard guard(&m_lock);
+      path = m_watchdogPath;
+      text = m_watchdogText;
+    }
     // The watchdog is told to allow twice the interval.
     CDBusSignal feed(kWatchdogName, path, kWatchdogName, "feedDog");
     if (feed.set_string(m_name) && feed.set_string(text) &&

@@ -40,6 +40,8 @@ void CDBusWatchSet::toggle_watch(DBusWatch* watch, void* data) { static_cast<CDB
 
 void CDBusWatchSet::wake_up(void* data) { static_cast<CDBusWatchSet*>(data)->wake(); }
 
+// No wake-up from here: libdbus calls the wake-up main function itself when a
+// send leaves output queued, and the reader reads the watches at every pass.
 void CDBusWatchSet::set(DBusWatch* watch, bool present) {
   short events = 0;
   if (present && dbus_watch_get_enabled(watch)) {
@@ -47,16 +49,11 @@ void CDBusWatchSet::set(DBusWatch* watch, bool present) {
     if (flags & DBUS_WATCH_READABLE) events |= POLLIN;
     if (flags & DBUS_WATCH_WRITABLE) events |= POLLOUT;
   }
-  {
-    CMutexGuard guard(&m_lock);
-    auto it = m_watches.begin();
-    while (it != m_watches.end() && it->watch != watch) ++it;
-    if (it != m_watches.end()) m_watches.erase(it);
-    if (present) m_watches.push_back(Watch{watch, dbus_watch_get_unix_fd(watch), events});
-  }
-  // A sleeping reader picks up what changed (a send that left output queued
-  // enables the write watch).
-  wake();
+  CMutexGuard guard(&m_lock);
+  auto it = m_watches.begin();
+  while (it != m_watches.end() && it->watch != watch) ++it;
+  if (it != m_watches.end()) m_watches.erase(it);
+  if (present) m_watches.push_back(Watch{watch, dbus_watch_get_unix_fd(watch), events});
 }
 
 void CDBusWatchSet::wait(int timeoutMs) {

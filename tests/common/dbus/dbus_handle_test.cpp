@@ -201,7 +201,6 @@ TEST_F(Handle, StopReleasesABlockedHandlerAtOnceAndClosesAsyncCalls) {
   EXPECT_EQ(result.get(), -4);
   // Far below the 3 s after which a thread that sleeps through its stop is cancelled.
   EXPECT_LT(took, 1000) << "stopped after " << took << " ms";
-  EXPECT_EQ(log.count_prefix("stop, "), 0u) << log.dump();
   EXPECT_EQ(log.count("dbus wait response timeout, close:1, timeout:20000, client_serial:" +
                       std::to_string(dbus_message_get_serial(call.get_message())) + ", member:hold."),
             1u)
