@@ -45,15 +45,9 @@ void CDBusInternalCallback::push(CallbackItem* item) {
   m_wake.post();
 }
 
-void CDBusInternalCallback::push_method(DBusMessage* message) {
-  dbus_message_ref(message);
-  push(new CallbackItem{message, m_methodKind});
-}
+void CDBusInternalCallback::push_method(DBusMessage* message) { push(new CallbackItem{message, m_methodKind}); }
 
-void CDBusInternalCallback::push_signal(DBusMessage* message) {
-  dbus_message_ref(message);
-  push(new CallbackItem{message, m_signalKind});
-}
+void CDBusInternalCallback::push_signal(DBusMessage* message) { push(new CallbackItem{message, m_signalKind}); }
 
 void CDBusInternalCallback::push_status(int32_t status) { push(new CallbackItem{new int32_t(status), m_statusKind}); }
 

@@ -335,30 +335,42 @@ void CDBusInternalHandle::threadProc() {
     while (m_connected.load()) {
       DBusMessage* message = dbus_connection_pop_message(m_connection);
       if (!message) break;
-      const int type = dbus_message_get_type(message);
-      switch (type) {
-        case DBUS_MESSAGE_TYPE_METHOD_CALL:
-          if (m_callback) m_callback->push_method(message);
-          break;
-        case DBUS_MESSAGE_TYPE_METHOD_RETURN:
-          handle_return_method(message);
-          break;
-        case DBUS_MESSAGE_TYPE_ERROR:
-          handle_error_method(message);
-          break;
-        case DBUS_MESSAGE_TYPE_SIGNAL:
-          if (m_callback) m_callback->push_signal(message);
-          break;
-        default:
-          TC_LOG(2, "dbus read a unknow message, type:%d.", type);
-          break;
-      }
-      dbus_message_unref(message);
+      dispatch(message);
     }
     if (isRunning()) m_watchSet.wait(nextFeedMs);
   }
   m_connected.store(false);
   TC_LOG(1, "threadProc, dbus end loop read message.");
+}
+
+// The popped reference goes with the message to whoever takes it, before that
+// one is woken, so the thread that uses a message last also releases it.
+void CDBusInternalHandle::dispatch(DBusMessage* message) {
+  const int type = dbus_message_get_type(message);
+  switch (type) {
+    case DBUS_MESSAGE_TYPE_METHOD_CALL:
+      if (m_callback) {
+        m_callback->push_method(message);
+        return;
+      }
+      break;
+    case DBUS_MESSAGE_TYPE_METHOD_RETURN:
+      handle_return_method(message);
+      return;
+    case DBUS_MESSAGE_TYPE_ERROR:
+      handle_error_method(message);
+      return;
+    case DBUS_MESSAGE_TYPE_SIGNAL:
+      if (m_callback) {
+        m_callback->push_signal(message);
+        return;
+      }
+      break;
+    default:
+      TC_LOG(2, "dbus read a unknow message, type:%d.", type);
+      break;
+  }
+  dbus_message_unref(message);
 }
 
 void CDBusInternalHandle::handle_return_method(DBusMessage* message) {
@@ -371,12 +383,14 @@ void CDBusInternalHandle::handle_return_method(DBusMessage* message) {
     if (blocking != m_blockingCalls.end()) {
       // The waiting caller removes the entry.
       blocking->second->reply = CDBusMethodReturn(message);
+      dbus_message_unref(message);
       blocking->second->done.post();
       return;
     }
     auto async = m_asyncCalls.find(serial);
     if (async == m_asyncCalls.end()) {
       TC_LOG(0, "handle_return_method, no match, reply serial:%d.", static_cast<int>(serial));
+      dbus_message_unref(message);
       return;
     }
     // Taken out before the call, so the delegate may itself make calls.
@@ -386,6 +400,7 @@ void CDBusInternalHandle::handle_return_method(DBusMessage* message) {
     m_asyncCalls.erase(async);
   }
   CDBusMethodReturn reply(message);
+  dbus_message_unref(message);
   delegate(0, reply, context);
 }
 

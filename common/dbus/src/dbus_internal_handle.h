@@ -59,6 +59,7 @@ class CDBusInternalHandle : public Platform::CThread {
   struct PendingCall;
   struct AsyncCall;
 
+  // Each takes over the caller's reference on `message`.
   void handle_return_method(DBusMessage* message);
   void handle_error_method(DBusMessage* message);
   void dispatch(DBusMessage* message);

@@ -28,7 +28,9 @@ struct InternalThread::State {
   // Notified when a thread has finished, by returning or by being cancelled.
   std::condition_variable ended;
   uint64_t generation = 0;
+  // A thread not yet joined: whoever takes it out joins it, outside the lock.
   pthread_t handle = 0;
+  bool joinable = false;
   CThread* owner = nullptr;
   std::atomic<uint32_t> threadId{0};
   std::atomic<bool> alive{false};
@@ -43,15 +45,13 @@ struct InternalThread::Launch {
 };
 
 // Runs when the thread body is left in any way, the unwinding of a
-// cancellation included: the last thing the thread does with its owner's
-// bookkeeping, so a stopper woken here may delete the owner.
+// cancellation included; from here on the thread touches nothing of its owner.
 struct InternalThread::Finish {
   ~Finish() {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     State& s = *launch.state;
     std::lock_guard<std::mutex> guard(s.lock);
     if (s.generation == launch.generation && s.alive.load()) {
-      s.handle = 0;
       s.run.store(false);
       s.owner = nullptr;
       s.alive.store(false);
@@ -105,6 +105,7 @@ InternalThread::InternalThread(const char* name, CThread::policyType policy, uin
 
 InternalThread::~InternalThread() {
   cancel();
+  reap();
   pthread_attr_destroy(&m_attr);
 }
 
@@ -113,6 +114,7 @@ bool InternalThread::alive() const { return m_state->alive.load(); }
 bool InternalThread::running() const { return m_state->run.load(); }
 
 bool InternalThread::start(CThread* owner) {
+  reap();
   State& s = *m_state;
   std::lock_guard<std::mutex> guard(s.lock);
   if (s.alive.load() || owner == nullptr) return false;
@@ -123,10 +125,9 @@ bool InternalThread::start(CThread* owner) {
   pthread_t handle;
   int ret = pthread_create(&handle, &m_attr, &InternalThread::entry, launch);
   assert(0 == ret);
-  s.handle = handle;
-  ret = pthread_detach(handle);
-  assert(0 == ret);
   (void)ret;
+  s.handle = handle;
+  s.joinable = true;
   return true;
 }
 
@@ -156,7 +157,10 @@ bool InternalThread::requestStop() {
 
 bool InternalThread::stop() {
   State& s = *m_state;
-  if (!s.alive.load()) return false;
+  if (!s.alive.load()) {
+    reap();
+    return false;
+  }
   s.run.store(false);
   if (CThread::currentThreadId() != s.threadId.load()) {
     std::unique_lock<std::mutex> lock(s.lock);
@@ -164,7 +168,11 @@ bool InternalThread::stop() {
     const bool ended = s.ended.wait_for(lock, std::chrono::milliseconds(kStopWaitMs), [&] {
       return !s.alive.load() || s.generation != generation;
     });
-    if (ended) return true;
+    lock.unlock();
+    if (ended) {
+      reap();
+      return true;
+    }
     TC_LOG(2, "stop, %s did not end within %u ms, cancel it", m_name.c_str(), kStopWaitMs);
   }
   cancel();
@@ -173,23 +181,53 @@ bool InternalThread::stop() {
 
 bool InternalThread::cancel() {
   State& s = *m_state;
-  std::unique_lock<std::mutex> lock(s.lock);
-  if (!s.alive.load()) return false;
-  s.run.store(false);
-  if (CThread::currentThreadId() == s.threadId.load() || s.handle == 0) {
-    // From the thread itself: it goes on to its end on its own.
-    s.threadId.store(0);
-    s.handle = 0;
-    s.owner = nullptr;
-    s.alive.store(false);
-    return true;
+  pthread_t handle;
+  {
+    std::unique_lock<std::mutex> lock(s.lock);
+    if (!s.alive.load()) return false;
+    s.run.store(false);
+    if (CThread::currentThreadId() == s.threadId.load()) {
+      // From the thread itself: it goes on to its end, and nobody joins it.
+      if (s.joinable) pthread_detach(s.handle);
+      s.joinable = false;
+      s.threadId.store(0);
+      s.handle = 0;
+      s.owner = nullptr;
+      s.alive.store(false);
+      return true;
+    }
+    if (!s.joinable) {
+      // Another caller is cancelling it: wait for that to end.
+      s.ended.wait(lock, [&] { return !s.alive.load(); });
+      return true;
+    }
+    handle = s.handle;
+    s.joinable = false;
   }
-  pthread_cancel(s.handle);
-  // Like a join: once this returns, nothing of the thread touches its owner.
-  const uint64_t generation = s.generation;
-  s.ended.wait(lock, [&] { return !s.alive.load() || s.generation != generation; });
+  pthread_cancel(handle);
+  // Once joined, nothing of the thread touches its owner any more.
+  pthread_join(handle, nullptr);
+  std::lock_guard<std::mutex> guard(s.lock);
   s.threadId.store(0);
+  s.handle = 0;
+  s.owner = nullptr;
+  s.alive.store(false);
+  s.ended.notify_all();
   return true;
+}
+
+void InternalThread::reap() {
+  State& s = *m_state;
+  pthread_t handle;
+  {
+    std::lock_guard<std::mutex> guard(s.lock);
+    if (s.alive.load() || !s.joinable) return;
+    handle = s.handle;
+    s.handle = 0;
+    s.joinable = false;
+  }
+  // It has finished its body; this only waits for it to leave.
+  pthread_join(handle, nullptr);
 }
 
 }  // namespace Platform
