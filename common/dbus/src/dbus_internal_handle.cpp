@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <vector>
 
 #include "common/dbus/src/dbus_internal_callback.h"
 #include "common/log/log.h"
@@ -332,10 +333,16 @@ void CDBusInternalHandle::threadProc() {
       TC_LOG(1, "threadProc, m_connected:%d.", 0);
       break;
     }
-    while (m_connected.load()) {
-      DBusMessage* message = dbus_connection_pop_message(m_connection);
-      if (!message) break;
-      dispatch(message);
+    // All taken off the connection first: a worker woken by a hand-over then
+    // finds the connection free for its reply.
+    std::vector<DBusMessage*> popped;
+    while (DBusMessage* message = dbus_connection_pop_message(m_connection)) popped.push_back(message);
+    for (DBusMessage* message : popped) {
+      if (m_connected.load()) {
+        dispatch(message);
+      } else {
+        dbus_message_unref(message);
+      }
     }
     if (isRunning()) m_watchSet.wait(nextFeedMs);
   }

@@ -38,7 +38,10 @@ void CDBusWatchSet::remove_watch(DBusWatch* watch, void* data) { static_cast<CDB
 
 void CDBusWatchSet::toggle_watch(DBusWatch* watch, void* data) { static_cast<CDBusWatchSet*>(data)->set(watch, true); }
 
-void CDBusWatchSet::wake_up(void* data) { static_cast<CDBusWatchSet*>(data)->wake(); }
+void CDBusWatchSet::wake_up(void* data) {
+  auto* self = static_cast<CDBusWatchSet*>(data);
+  if (!pthread_equal(pthread_self(), self->m_sleeper.load())) self->wake();
+}
 
 // No wake-up from here: libdbus calls the wake-up main function itself when a
 // send leaves output queued, and the reader reads the watches at every pass.
@@ -57,6 +60,7 @@ void CDBusWatchSet::set(DBusWatch* watch, bool present) {
 }
 
 void CDBusWatchSet::wait(int timeoutMs) {
+  m_sleeper.store(pthread_self());
   std::vector<pollfd> fds{{m_wakeup.fd(), POLLIN, 0}};
   {
     CMutexGuard guard(&m_lock);

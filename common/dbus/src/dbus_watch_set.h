@@ -10,7 +10,9 @@
 // thread may free it while the reader sleeps.
 
 #include <dbus/dbus.h>
+#include <pthread.h>
 
+#include <atomic>
 #include <vector>
 
 #include "common/platform/src/lock/Mutex.h"
@@ -52,6 +54,9 @@ class CDBusWatchSet {
   void set(DBusWatch* watch, bool present);
 
   Platform::CWakeup m_wakeup;
+  // The thread that sleeps in wait(): libdbus also calls its wake-up function
+  // there (on every message it queues), where the sleeper is awake anyway.
+  std::atomic<pthread_t> m_sleeper{0};
   // libdbus calls the watch functions on whichever thread changes the
   // connection, holding the connection's lock; this lock never is held while
   // calling into libdbus.
