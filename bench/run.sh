@@ -2,7 +2,7 @@
 # Benchmarks of the serial and LoRa bridges, side by side with socat as the
 # baseline serial bridge.  Builds its own Release folder (build-bench/), runs
 # everything in private network and mount namespaces with a tmpfs on /tmp
-# (root needed), and prints the tables.  About 7 minutes after the build.
+# (root needed), and prints the tables.  About 10 minutes after the build.
 #
 #   bench/run.sh              everything
 #   bench/run.sh quick        shorter: scale series only up to 50 serial / 250 LoRa
