@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -32,7 +33,6 @@ const char* const kIntervalKey = "gw_tc_loralan_down_packet_interval";
 constexpr uint32_t kConfigTimeoutMs = 3000;
 constexpr int32_t kDefaultInterval = 3500;
 constexpr int kMaxEvents = 1024;
-constexpr int kWaitMs = 100;
 
 bool config_read(int32_t result) {
   return result == 0 || result == Component::CConfigAgent::kNoValue;
@@ -156,6 +156,7 @@ void CLoraLan::stop() {
 
 void CLoraLan::end_loop() {
   m_running = false;
+  m_wakeup.wake();
   CThread::stop();
 }
 
@@ -174,6 +175,7 @@ void CLoraLan::config_change_callback(const std::string& key, const std::string&
   }
   // Raised only once the new list is in place: the loop reads it after the flag.
   m_devices_changed = true;
+  m_wakeup.wake();
 }
 
 bool CLoraLan::deal_device_change_config(const std::string& value, LoraLanDeviceList& devices) {
@@ -223,6 +225,7 @@ void CLoraLan::deal_down_packet_interval_change_config(const std::string& key, c
     return;
   }
   m_down_packet_interval = ms;
+  m_wakeup.wake();
 }
 
 int CLoraLan::recv_lora_message(int fd, std::string& data, std::string& dev_eui, int32_t& fport) {
@@ -290,6 +293,15 @@ void CLoraLan::threadProc() {
     TC_LOG(3, "threadProc, epoll_create error: %s", strerror(errno));
     return;
   }
+  // Level-triggered and for reading only, unlike the channels: drained when it fires.
+  epoll_event wake{};
+  wake.events = EPOLLIN;
+  wake.data.fd = m_wakeup.fd();
+  if (epoll_ctl(epfd, EPOLL_CTL_ADD, m_wakeup.fd(), &wake) < 0) {
+    TC_LOG(3, "threadProc, no wake-up descriptor: %s", strerror(errno));
+    close(epfd);
+    return;
+  }
   std::unique_ptr<epoll_event[]> events(new epoll_event[kMaxEvents]);
   const int udp = m_udp_socket;
   epoll_add(epfd, udp);
@@ -298,7 +310,7 @@ void CLoraLan::threadProc() {
   while (m_running && isRunning()) {
     // Cleared first: a change arriving meanwhile is handled in the next pass.
     if (m_devices_changed.exchange(false)) reconcile_devices(epfd, open);
-    const int count = epoll_wait(epfd, events.get(), kMaxEvents, kWaitMs);
+    const int count = epoll_wait(epfd, events.get(), kMaxEvents, next_wait_ms());
     if (count > 0) handle_events(events.get(), count, open);
     pace_down_packets();
   }
@@ -360,7 +372,9 @@ void CLoraLan::handle_events(const epoll_event* events, int count, OpenDevices& 
   std::set<int> readable;
   for (int i = 0; i < count; ++i) {
     if ((events[i].events & EPOLLIN) == 0) continue;
-    if (events[i].data.fd == udp) {
+    if (events[i].data.fd == m_wakeup.fd()) {
+      m_wakeup.drain();
+    } else if (events[i].data.fd == udp) {
       drain_socket(udp, uplinks);
     } else {
       readable.insert(events[i].data.fd);
@@ -415,6 +429,13 @@ void CLoraLan::pace_down_packets() {
   send_lora_message(m_udp_socket, m_down_packet_queue.front());
   m_down_packet_queue.pop_front();
   m_last_send_time = now;
+}
+
+int CLoraLan::next_wait_ms() const {
+  if (m_down_packet_queue.empty()) return -1;
+  const int64_t due = static_cast<int64_t>(m_last_send_time) + m_down_packet_interval;
+  const int64_t wait = due - static_cast<int64_t>(Platform::tickMs());
+  return static_cast<int>(std::min<int64_t>(std::max<int64_t>(wait, 0), INT32_MAX));
 }
 
 void CLoraLan::close_devices(int epfd, OpenDevices& open) {

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "common/platform/src/lock/Mutex.h"
+#include "common/platform/src/lock/Wakeup.h"
 #include "common/platform/src/thread/Thread.h"
 #include "component/config_agent.h"
 #include "service/lora_lan_device.h"
@@ -75,6 +76,8 @@ class CLoraLan : public Platform::CThread {
   void drain_device_file(int fd, const LoraLanDevice& device);
   void deliver_uplink(int fd, const LoraLanDevice& device, const Uplink& uplink);
   void pace_down_packets();
+  // Until the next downlink may leave; -1 with none waiting.
+  int next_wait_ms() const;
   void close_devices(int epfd, OpenDevices& open);
   void end_loop();
   void close_udp_socket();
@@ -85,6 +88,8 @@ class CLoraLan : public Platform::CThread {
   LoraLanDeviceList m_devices;
   std::atomic<bool> m_running{false};
   std::atomic<bool> m_devices_changed{false};
+  // Ends the loop's sleep at once: a configuration change, or stop.
+  Platform::CWakeup m_wakeup;
   std::atomic<int> m_udp_socket{-1};
   std::atomic<int32_t> m_down_packet_interval{3500};
   uint64_t m_last_send_time = 0;

@@ -83,10 +83,12 @@ TEST_P(OrderlyStop, StartsInOrderServesItsNameIgnoresHupAndPipeAndStopsInOrder) 
   const auto lines = gw.service().lines();
   expect_in_order(lines,
                   {e2e::kStartLine, kBusConnected, "start, get config gw_tc_loralan_mode:",
-                   "start, create 127.0.0.1:18099 success", "threadProc, add device fd:",
-                   "start, create 127.0.0.1:16068 success", "set_rf, result:0", "sync_abp_node, count:1,",
-                   "start, get config gw_tc_serial_devices:", e2e::kReadyLine},
+                   "start, create 127.0.0.1:18099 success", "start, create 127.0.0.1:16068 success",
+                   "set_rf, result:0", "sync_abp_node, count:1,", "start, get config gw_tc_serial_devices:",
+                   e2e::kReadyLine},
                   gw.service().output());
+  // The LAN bridge's own thread makes its device file, alongside the later starts.
+  EXPECT_TRUE(gw.service().wait_for_line("threadProc, add device fd:", 5000 * kSlowdown)) << gw.service().output();
   EXPECT_EQ(gw.service().count_lines("try again"), 0u) << gw.service().output();
   // The manager saw the subscriptions in start-up order: the shared LoRa
   // pair, then the LoRa LAN's interval, then the serial list.

@@ -233,7 +233,9 @@ TEST(Lora, TwoHundredFiftyNodesAreProvisionedInBatchesOfAHundred) {
   for (size_t i = 0; i < expected.size(); ++i) EXPECT_EQ(node_lines[i].rfind(expected[i], 0), 0u) << node_lines[i];
   for (size_t i = 1; i < expected.size(); ++i) EXPECT_EQ(node_lines[i], expected[i]);
 
-  // The LAN bridge made a device file for every one of them.
+  // The LAN bridge made a device file for every one of them (on its own
+  // thread, which may still be at it when provisioning is done).
+  EXPECT_TRUE(gw.service().wait_for_line("threadProc, add device fd:", kWaitMs, kNodes));
   EXPECT_EQ(gw.service().count_lines("threadProc, add device fd:"), static_cast<size_t>(kNodes));
   EXPECT_TRUE(path_exists(gw.path("lora249")));
   e2e::expect_bounded_stop(gw);

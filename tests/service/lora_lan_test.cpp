@@ -75,6 +75,7 @@ class LoraLan : public testing::Test {
   void TearDown() override {
     lan->stop();
     lan.reset();
+    EXPECT_EQ(log.count_prefix("stop, lora_lan_thread did not end"), 0u) << "the loop slept through its stop";
   }
   void set(const std::string& key, const std::string& value) { ASSERT_TRUE(bus.set(key, value)) << key; }
   void start_bridge(const std::string& devices, const std::string& interval, size_t files) {

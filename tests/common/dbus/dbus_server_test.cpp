@@ -95,17 +95,6 @@ TEST_F(Server, ASilencedHandlerSendsNoReplyAThrowingOneAnEmptyOne) {
   EXPECT_EQ(log.count("threadProc, handler ended by an exception: boom."), 1u) << log.dump();
 }
 
-TEST_F(Server, StopWakesAnIdleWorkerAtOnceConnectedOrNot) {
-  TestServer nowhere("unix:path=/nonexistent/tc-test-socket", "tc.test.nowhere");
-  EXPECT_EQ(nowhere.connect(), 1);
-  std::this_thread::sleep_for(milliseconds(200));  // the workers are in their long idle wait
-  for (TestServer* server : {client.get(), &nowhere}) {
-    const auto start = steady_clock::now();
-    server->disconnect();
-    EXPECT_LT(duration_cast<milliseconds>(steady_clock::now() - start).count(), 2000);
-  }
-}
-
 // Calls still queued when the worker stops are released with it (the leak
 // check of the sanitizer build is what sees a lost message reference).
 TEST_F(Server, CallsQueuedAtShutdownAreReleased) {
