@@ -77,7 +77,8 @@ run_demo() {
   socat PTY,link="$demo/remote-serial0",raw,echo=0 PTY,link="$demo/remote-console",raw,echo=0 2>"$demo/socat.log" &
   pids+=($!)
   wait_for "$demo/remote-console" "the remote serial port"
-  tc-serial-peer --bind 127.0.0.1 2>"$demo/tc-serial-peer.log" &
+  # The peer opens only what --allow names: here the one pseudo-terminal behind the link.
+  tc-serial-peer --bind 127.0.0.1 --allow "$(readlink -f "$demo/remote-serial0")" 2>"$demo/tc-serial-peer.log" &
   pids+=($!)
   tc-lora-sim </dev/null &
   pids+=($!)

@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # Benchmarks of the serial and LoRa bridges, side by side with socat as the
-# baseline serial bridge, and the whole serial path (service + tc-serial-peer
-# against socat + ser2net) with a Modbus RTU master and slave.  Builds its
-# own Release folder (build-bench/), runs everything in private network and
-# mount namespaces with a tmpfs on /tmp (root needed), and prints the tables.
-# About 8 minutes after the build.
+# baseline serial bridge, the whole serial path (service + tc-serial-peer
+# against socat + ser2net) with a Modbus RTU master and slave, and the bus.
+# Builds its own Release folder (build-bench/), runs everything in private
+# network and mount namespaces with a tmpfs on /tmp (root needed), and prints
+# the tables.  About 14 minutes after the build.
 #
 #   bench/run.sh              everything
 #   bench/run.sh quick        shorter: scale series only up to 50 serial / 250 LoRa
+#   bench/run.sh bus          only the bus, start-up, idle and stop section (about 3 minutes)
 #   unshare --net --mount --propagation private bench/run.sh --inside compare
 #                             (after one full run) only the socat / service
 #                             comparisons, the bridge alone and the whole path
@@ -115,6 +116,8 @@ inside() {
   sleep 0.5
   tc-config set gw_tc_loralan_down_packet_interval 100 >/dev/null
 
+  [ "$mode" = bus ] && { bus_section; cp "$work"/*.log "$results/"; return 0; }
+
   echo "== serial bridge: socat" >&2
   tc-bench-bridge compare --socat --dir "$work" --out "$results/socat.txt"
   echo "== serial bridge: transparent-channel" >&2
@@ -141,7 +144,68 @@ inside() {
       --out "$results/hold-$s-$l.txt" -- transparent-channel
     rm -f "$work"/ser* "$work"/lora*
   done
+  bus_section
   cp "$work"/*.log "$results/"
+}
+
+# ------------------------------------ bus, start-up, idle, stop (inside) --
+# Round trips of the service's methods side by side with a trivial dbus-python
+# service (the anchor), get_config through the service's own agent, exec to
+# the ready line, idle wake-ups per thread, SIGTERM to exit.  Repeated, the
+# anchor and the service alternating within each round.
+bus_section() {
+  local ready="start, transparent-channel startup success." bus="unix:path=$bus_dir/mbusd_socket" out="$results/bus.txt"
+  local serial_one rep
+  serial_one="[$(serial_item "$work/ser0" ser0)]"
+  echo "== bus: start-up, idle and stop, serial only" >&2
+  tc-config reset >/dev/null
+  printf '%s' "$serial_one" | tc-config set gw_tc_serial_devices - >/dev/null
+  tc-config set gw_tc_loralan_mode off >/dev/null
+  for rep in 1 2 3; do
+    tc-bench-bus life --label "serial_only" --ready "$ready" --log "$work/bus-life.log" --idle 10 --out "$out" \
+      -- transparent-channel
+  done
+  echo "== bus: start-up, idle and stop, 1000 LoRa device files" >&2
+  set_devices 0 1000
+  tc-bench-bus life --label "lora_1000" --ready "$ready" --log "$work/bus-life.log" --idle 10 --out "$out" \
+    -- transparent-channel
+  rm -f "$work"/lora*
+
+  echo "== bus: round trips" >&2
+  tc-config reset >/dev/null
+  printf '%s' "$serial_one" | tc-config set gw_tc_serial_devices - >/dev/null
+  tc-config set gw_tc_loralan_mode off >/dev/null
+  /usr/bin/python3 "$root/bench/bus_anchor.py" "$bus" >"$work/bus-anchor.log" 2>&1 &
+  local anchor=$!
+  pids+=($anchor)
+  transparent-channel >>"$work/bus-service.log" 2>&1 &
+  local service=$!
+  pids+=($service)
+  for _ in $(seq 1 100); do grep -q "$ready" "$work/bus-service.log" && grep -q ready "$work/bus-anchor.log" && break; sleep 0.05; done
+  for rep in 1 2 3; do
+    tc-bench-bus calls --label anchor_ping --dest tc.bench.anchor --path /tc/bench/anchor --iface tc.bench.anchor \
+      --member ping --out "$out"
+    tc-bench-bus calls --label service_status --dest iot.gateway.transparentchannel --path /iot/gateway/transparentchannel \
+      --iface iot.gateway.transparentchannel --member serial_port_connect_status --out "$out"
+    tc-bench-bus calls --label service_notify --dest iot.gateway.transparentchannel --path /iot/gateway/transparentchannel \
+      --iface iot.gateway.transparentchannel --member notify_config --arg gw_tc_serial_devices --arg "$serial_one" \
+      --out "$out"
+    tc-bench-bus agent --label agent_get_config --key gw_tc_serial_devices --out "$out"
+  done
+  kill -TERM "$service" "$anchor"
+  wait "$service" "$anchor" 2>/dev/null || true
+
+  # Idle wake-ups with a serial link up, and with many device files (the scale
+  # run's driver, without its load phase).
+  local r s l
+  for r in 1:0 0:1000 200:1000; do
+    s=${r%:*} l=${r#*:}
+    echo "== bus: idle with $s serial links, $l LoRa files" >&2
+    set_devices "$s" "$l"
+    tc-bench-bridge hold --serial "$s" --lora "$l" --dir "$work" --idle 10 --load 0 \
+      --out "$results/bus-hold-$s-$l.txt" -- transparent-channel
+    rm -f "$work"/ser* "$work"/lora*
+  done
 }
 
 if [ "${1:-}" = --inside ]; then
@@ -159,12 +223,21 @@ if ! dpkg-query -W -f='${Status}' libmodbus-dev ser2net 2>/dev/null | grep -c "i
 fi
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DTC_SANITIZE= -DTC_BUILD_TESTS=OFF -DTC_BUILD_BENCH=ON >/dev/null
 cmake --build "$build" -j "$(nproc)" --target transparent-channel tc-config tc-lora-sim tc-serial-peer tc-micro-bench \
-  tc-bench-bridge tc-bench-modbus
+  tc-bench-bridge tc-bench-modbus tc-bench-bus
 rm -rf "$results"
 mkdir -p "$results"
 
-echo "== micro benchmarks" >&2
-"$build/bench/tc-micro-bench" --benchmark_min_time=0.2 >"$results/micro.txt" 2>/dev/null
+if [ "$mode" != bus ]; then
+  echo "== micro benchmarks" >&2
+  "$build/bench/tc-micro-bench" --benchmark_min_time=0.2 >"$results/micro.txt" 2>/dev/null
+fi
+# The bus section's anchor: dbus-python on the GLib main loop, run by the system's
+# python3 (Debian's packages), installed here because the namespace has no network.
+for p in python3-dbus python3-gi; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" ||
+    { apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "$p" >&2; }
+done
 unshare --net --mount --propagation private "$0" --inside "$mode"
 
-"$root/bench/report.sh" "$results"
+[ "$mode" = bus ] || "$root/bench/report.sh" "$results"
+"$root/bench/bus_report.sh" "$results"

@@ -6,7 +6,8 @@
 //
 // Result codes: 0 success; 100000 the call failed or its reply was
 // unreadable; 100100 (reads only) success without a readable value; any other
-// value is the manager's own code, passed through.
+// value is the manager's own code, passed through.  A "notify_config" is
+// answered with the subscriber's result: 0 applied, kValueRefused refused.
 
 #include <cstdint>
 #include <map>
@@ -28,6 +29,8 @@ class CConfigAgent {
  public:
   static constexpr int32_t kCallFailed = 100000;
   static constexpr int32_t kNoValue = 100100;
+  // What a subscriber's callback answers for a value it refused (and did not apply).
+  static constexpr int32_t kValueRefused = 100200;
 
   // Registers "notify_config" with the channel, which must outlive the agent.
   CConfigAgent(CDBusChannel* channel, const std::string& name);

@@ -9,6 +9,7 @@ packages=(
   libgtest-dev libbenchmark-dev
   clang libclang-rt-dev
   iproute2 util-linux
+  systemd
 )
 
 missing=()

@@ -3,7 +3,10 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <set>
 
@@ -30,15 +33,27 @@ const char* const kIntervalKey = "gw_tc_loralan_down_packet_interval";
 constexpr uint32_t kConfigTimeoutMs = 3000;
 constexpr int32_t kDefaultInterval = 3500;
 constexpr int kMaxEvents = 1024;
-constexpr int kWaitMs = 100;
 
 bool config_read(int32_t result) {
   return result == 0 || result == Component::CConfigAgent::kNoValue;
 }
 
-// Leading digits of `value`; throws std::invalid_argument without any and
-// std::out_of_range past 32 bits.
-int32_t interval_from(const std::string& value) { return value.empty() ? kDefaultInterval : std::stoi(value); }
+// The interval a configuration value gives: the default when empty, else its
+// leading decimal digits.  False for text without digits, a negative number,
+// or one past 32 bits; `interval` is then left alone.
+bool interval_from(const std::string& value, int32_t& interval) {
+  if (value.empty()) {
+    interval = kDefaultInterval;
+    return true;
+  }
+  const char* text = value.c_str();
+  char* end = nullptr;
+  errno = 0;
+  const long long number = std::strtoll(text, &end, 10);
+  if (end == text || errno == ERANGE || number < 0 || number > INT32_MAX) return false;
+  interval = static_cast<int32_t>(number);
+  return true;
+}
 
 const char* bool_text(bool value) { return value ? "true" : "false"; }
 
@@ -87,8 +102,12 @@ int CLoraLan::start() {
     return 0;
   }
   TC_LOG(1, "start, get config %s:%s", kIntervalKey, interval.c_str());
-  // Not caught here: the caller's top level logs it and retries the start.
-  m_down_packet_interval = interval_from(interval);
+  // A bad value must not keep the bridge (and the components after it) down.
+  int32_t ms = m_down_packet_interval;
+  if (!interval_from(interval, ms)) {
+    TC_LOG(2, "start, [%s] is not a number of milliseconds, keep %d", kIntervalKey, static_cast<int>(ms));
+  }
+  m_down_packet_interval = ms;
 
   const int fd = create_udp(LORA_LAN_IP, LORA_LAN_LOCAL_PORT, 0);
   if (fd < 0) {
@@ -137,6 +156,7 @@ void CLoraLan::stop() {
 
 void CLoraLan::end_loop() {
   m_running = false;
+  m_wakeup.wake();
   CThread::stop();
 }
 
@@ -155,6 +175,7 @@ void CLoraLan::config_change_callback(const std::string& key, const std::string&
   }
   // Raised only once the new list is in place: the loop reads it after the flag.
   m_devices_changed = true;
+  m_wakeup.wake();
 }
 
 bool CLoraLan::deal_device_change_config(const std::string& value, LoraLanDeviceList& devices) {
@@ -193,11 +214,18 @@ bool CLoraLan::deal_device_change_config(const std::string& value, LoraLanDevice
 }
 
 void CLoraLan::deal_down_packet_interval_change_config(const std::string& key, const std::string& value,
-                                                       int& /*extra*/) {
+                                                       int& extra) {
   if (key != kIntervalKey) return;
   TC_LOG(1, "deal_down_packet_interval_change_config, %s:%s", key.c_str(), value.c_str());
-  // Not caught here: the notification worker's top level logs it.
-  m_down_packet_interval = interval_from(value);
+  int32_t ms = m_down_packet_interval;
+  if (!interval_from(value, ms)) {
+    TC_LOG(2, "deal_down_packet_interval_change_config, [%s] is not a number of milliseconds, keep %d",
+           kIntervalKey, static_cast<int>(ms));
+    extra = Component::CConfigAgent::kValueRefused;
+    return;
+  }
+  m_down_packet_interval = ms;
+  m_wakeup.wake();
 }
 
 int CLoraLan::recv_lora_message(int fd, std::string& data, std::string& dev_eui, int32_t& fport) {
@@ -265,6 +293,15 @@ void CLoraLan::threadProc() {
     TC_LOG(3, "threadProc, epoll_create error: %s", strerror(errno));
     return;
   }
+  // Level-triggered and for reading only, unlike the channels: drained when it fires.
+  epoll_event wake{};
+  wake.events = EPOLLIN;
+  wake.data.fd = m_wakeup.fd();
+  if (epoll_ctl(epfd, EPOLL_CTL_ADD, m_wakeup.fd(), &wake) < 0) {
+    TC_LOG(3, "threadProc, no wake-up descriptor: %s", strerror(errno));
+    close(epfd);
+    return;
+  }
   std::unique_ptr<epoll_event[]> events(new epoll_event[kMaxEvents]);
   const int udp = m_udp_socket;
   epoll_add(epfd, udp);
@@ -273,7 +310,7 @@ void CLoraLan::threadProc() {
   while (m_running && isRunning()) {
     // Cleared first: a change arriving meanwhile is handled in the next pass.
     if (m_devices_changed.exchange(false)) reconcile_devices(epfd, open);
-    const int count = epoll_wait(epfd, events.get(), kMaxEvents, kWaitMs);
+    const int count = epoll_wait(epfd, events.get(), kMaxEvents, next_wait_ms());
     if (count > 0) handle_events(events.get(), count, open);
     pace_down_packets();
   }
@@ -335,7 +372,9 @@ void CLoraLan::handle_events(const epoll_event* events, int count, OpenDevices& 
   std::set<int> readable;
   for (int i = 0; i < count; ++i) {
     if ((events[i].events & EPOLLIN) == 0) continue;
-    if (events[i].data.fd == udp) {
+    if (events[i].data.fd == m_wakeup.fd()) {
+      m_wakeup.drain();
+    } else if (events[i].data.fd == udp) {
       drain_socket(udp, uplinks);
     } else {
       readable.insert(events[i].data.fd);
@@ -390,6 +429,13 @@ void CLoraLan::pace_down_packets() {
   send_lora_message(m_udp_socket, m_down_packet_queue.front());
   m_down_packet_queue.pop_front();
   m_last_send_time = now;
+}
+
+int CLoraLan::next_wait_ms() const {
+  if (m_down_packet_queue.empty()) return -1;
+  const int64_t due = static_cast<int64_t>(m_last_send_time) + m_down_packet_interval;
+  const int64_t wait = due - static_cast<int64_t>(Platform::tickMs());
+  return static_cast<int>(std::min<int64_t>(std::max<int64_t>(wait, 0), INT32_MAX));
 }
 
 void CLoraLan::close_devices(int epfd, OpenDevices& open) {

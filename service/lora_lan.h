@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "common/platform/src/lock/Mutex.h"
+#include "common/platform/src/lock/Wakeup.h"
 #include "common/platform/src/thread/Thread.h"
 #include "component/config_agent.h"
 #include "service/lora_lan_device.h"
@@ -33,8 +34,7 @@ class CLoraLan : public Platform::CThread {
   ~CLoraLan() override;
 
   // 1 running, or deliberately idle (mode other than "pts"); 0 failed, retry.
-  // A down-packet interval that is not a number throws std::invalid_argument
-  // (std::out_of_range when too large) before anything is acquired.
+  // A down-packet interval that is not a number keeps the one in force.
   int start();
   // Safe when never started.
   void stop();
@@ -44,7 +44,8 @@ class CLoraLan : public Platform::CThread {
   // Empties `devices`, then fills it from the JSON array `value`.  False for a
   // value that is not a JSON array; items without file or EUI are skipped.
   bool deal_device_change_config(const std::string& value, LoraLanDeviceList& devices);
-  // Subscription callback of the interval; throws like start() on a bad number.
+  // Subscription callback of the interval; a value that is not a number is
+  // answered with CConfigAgent::kValueRefused and changes nothing.
   void deal_down_packet_interval_change_config(const std::string& key, const std::string& value, int& extra);
 
  protected:
@@ -75,6 +76,8 @@ class CLoraLan : public Platform::CThread {
   void drain_device_file(int fd, const LoraLanDevice& device);
   void deliver_uplink(int fd, const LoraLanDevice& device, const Uplink& uplink);
   void pace_down_packets();
+  // Until the next downlink may leave; -1 with none waiting.
+  int next_wait_ms() const;
   void close_devices(int epfd, OpenDevices& open);
   void end_loop();
   void close_udp_socket();
@@ -85,6 +88,8 @@ class CLoraLan : public Platform::CThread {
   LoraLanDeviceList m_devices;
   std::atomic<bool> m_running{false};
   std::atomic<bool> m_devices_changed{false};
+  // Ends the loop's sleep at once: a configuration change, or stop.
+  Platform::CWakeup m_wakeup;
   std::atomic<int> m_udp_socket{-1};
   std::atomic<int32_t> m_down_packet_interval{3500};
   uint64_t m_last_send_time = 0;

@@ -81,7 +81,14 @@ int CLoraNode::start() {
 }
 
 void CLoraNode::close_socket() {
-  const int fd = m_socket.exchange(-1);
+  // A shut-down socket ends a receive at once and fails every later send, so
+  // an exchange on another thread returns instead of waiting out its 10 s.
+  // (On an unconnected socket it answers ENOTCONN, and does both all the
+  // same.)  The descriptor itself stays valid until that exchange has let go of it.
+  const int fd = m_socket.load();
+  if (fd > 0) shutdown(fd, SHUT_RDWR);
+  Platform::CMutexGuard guard(&m_exchange_lock);
+  m_socket = -1;
   if (fd > 0) close(fd);
 }
 
@@ -105,7 +112,7 @@ bool CLoraNode::set_rf(const Json::Value& settings) {
   const std::string request = build_node_request("set_rf", "class-c", settings);
   TC_LOG(1, "set_rf, request:%s", request.c_str());
   std::string response;
-  if (!udp_node_send_and_recv(m_socket, request, response)) {
+  if (!exchange(request, response)) {
     TC_LOG(1, "set_rf, udp_node_send_and_recv fail");
     return false;
   }
@@ -169,7 +176,7 @@ bool CLoraNode::abp_node_request(const char* method, const Json::Value& nodes) {
   // The request is not logged: it holds session keys.
   const std::string request = build_node_request(method, "loranode", nodes);
   std::string response;
-  if (!udp_node_send_and_recv(m_socket, request, response)) {
+  if (!exchange(request, response)) {
     TC_LOG_AS(name, 1, "%s, udp_node_send_and_recv fail", name);
     return false;
   }
@@ -182,8 +189,12 @@ bool CLoraNode::abp_node_request(const char* method, const Json::Value& nodes) {
   return result == 0;
 }
 
-bool CLoraNode::udp_node_send_and_recv(int fd, const std::string& request, std::string& response) {
+bool CLoraNode::exchange(const std::string& request, std::string& response) {
   Platform::CMutexGuard guard(&m_exchange_lock);
+  return udp_node_send_and_recv(m_socket, request, response);
+}
+
+bool CLoraNode::udp_node_send_and_recv(int fd, const std::string& request, std::string& response) {
   clear_node_socket(fd);
   const int length = static_cast<int>(request.size());
   TC_LOG(1, "udp_node_send_and_recv, sendto %s:%d length:%d", LORA_NODE_IP, static_cast<int>(LORA_NODE_SERVER_PORT),

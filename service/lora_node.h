@@ -29,7 +29,8 @@ class CLoraNode {
   // 1 done; 0 failed (socket released), retry.  Sends the configured RF
   // settings and node list; an empty value sends nothing.
   int start();
-  // Safe when never started.
+  // Wakes an exchange waiting on the socket, waits until it has ended, then
+  // closes the socket.  Safe when never started.
   void close_socket();
 
   // Forwarded changes of the LoRa keys.  Returns the RF outcome (1 accepted)
@@ -46,7 +47,8 @@ class CLoraNode {
   bool add_abp_node(const Json::Value& nodes);
 
   // One request and its answer (at most 1024 bytes, 10 s); late answers to
-  // earlier requests are thrown away first.
+  // earlier requests are thrown away first.  The caller holds the exchange
+  // lock (exchange() below).
   bool udp_node_send_and_recv(int fd, const std::string& request, std::string& response);
   void clear_node_socket(int fd);
 
@@ -54,11 +56,17 @@ class CLoraNode {
 
  private:
   bool abp_node_request(const char* method, const Json::Value& nodes);
+  // udp_node_send_and_recv on the current socket, which cannot be closed
+  // while the exchange runs.
+  bool exchange(const std::string& request, std::string& response);
 
   Component::CConfigAgent* m_agent;
   std::atomic<bool> m_rf_ready{false};
+  // Written by the thread that starts and closes (the main thread); read by
+  // exchanges under the lock.
   std::atomic<int> m_socket{-1};
-  // Start and a notification may overlap; each answer must meet its request.
+  // Start and a notification may overlap; each answer must meet its request,
+  // and the socket is closed only between exchanges.
   Platform::CMutex m_exchange_lock;
 };
 

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cerrno>
 #include <initializer_list>
+#include <iterator>
 
 #include <exception>
 #include <string>
@@ -32,6 +33,8 @@ using Zentrova::Iot::TransparentChannel::CSerialService;
 
 namespace {
 
+// Cleared by a termination signal at any moment from main's first line on,
+// and never set again.
 std::atomic<bool> g_running{true};
 CSemaphore g_exit_semaphore(0);
 
@@ -58,6 +61,12 @@ void copy_text(char* to, size_t cap, size_t& len, const char* from) {
   to[len] = '\0';
 }
 
+// The signals our handler is installed for, in that order.
+const int kHandledSignals[] = {SIGTERM, SIGINT, SIGSEGV, SIGPIPE, SIGQUIT, SIGILL, SIGABRT, SIGUSR1};
+// Those sent from outside to end the service: held back until the handler is in place.
+const int kTerminationSignals[] = {SIGTERM, SIGINT, SIGQUIT, SIGUSR1};
+
+void set_blocked(const int* signals, size_t count, int how);
 void install_signal_handlers();
 void startup_sequence();
 void shutdown_sequence();
@@ -91,7 +100,7 @@ void loralan_config_callback(const std::string& key, const std::string& value, i
 }
 
 int start() {
-  g_running.store(true);
+  // g_running is not set here: a signal that came before start must not be forgotten.
   startup_sequence();
 
   while (g_running.load()) {
@@ -104,9 +113,13 @@ int start() {
 }
 
 int main(int /*argc*/, char** /*argv*/) {
+  // A termination signal before the handlers are in place waits for them
+  // instead of ending the process unlogged; one inherited blocked is let through.
+  set_blocked(kTerminationSignals, std::size(kTerminationSignals), SIG_BLOCK);
   log_init("transparent-channel", 1, 0, 2);
   TC_LOG(1, "transparent-channel start.");
   install_signal_handlers();
+  set_blocked(kHandledSignals, std::size(kHandledSignals), SIG_UNBLOCK);
   start();
   TC_LOG(1, "transparent-channel exit.");
   return 0;
@@ -179,6 +192,13 @@ void shutdown_sequence() {
   g_dbus_channel = nullptr;
 }
 
+void set_blocked(const int* signals, size_t count, int how) {
+  sigset_t set;
+  sigemptyset(&set);
+  for (size_t i = 0; i < count; ++i) sigaddset(&set, signals[i]);
+  sigprocmask(how, &set, nullptr);
+}
+
 void install_signal_handlers() {
   for (int sig = 1; sig < NSIG; ++sig) {
     size_t len = 0;
@@ -190,9 +210,7 @@ void install_signal_handlers() {
   action.sa_handler = system_signal_handler;
   sigemptyset(&action.sa_mask);
   action.sa_flags = 0;
-  for (int sig : {SIGTERM, SIGINT, SIGSEGV, SIGPIPE, SIGQUIT, SIGILL, SIGABRT, SIGUSR1}) {
-    sigaction(sig, &action, nullptr);
-  }
+  for (int sig : kHandledSignals) sigaction(sig, &action, nullptr);
   // SIGPIPE is ignored after all: a write to a closed socket must never end the process.
   for (int sig : {SIGTTOU, SIGTTIN, SIGTSTP, SIGHUP, SIGPIPE}) signal(sig, SIG_IGN);
 }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -89,7 +90,8 @@ bool Gateway::start_lora_sim(const std::vector<std::string>& options) {
 }
 
 bool Gateway::start_serial_peer(const std::string& ip, const std::vector<std::string>& options) {
-  std::vector<std::string> argv{kSerialPeer, "--bind", ip, "--keepalive", "1"};
+  // The remote ports of the tests are pseudo-terminals, which the peer does not open by default.
+  std::vector<std::string> argv{kSerialPeer, "--bind", ip, "--keepalive", "1", "--allow", "/dev/pts/*"};
   argv.insert(argv.end(), options.begin(), options.end());
   m_serial_peers.push_back(run(argv));
   if (!m_serial_peers.back()->wait_for_line("listening on", kReadyMs)) {
@@ -98,8 +100,10 @@ bool Gateway::start_serial_peer(const std::string& ip, const std::vector<std::st
   return true;
 }
 
-bool Gateway::start_service() {
-  m_service = run({kService});
+bool Gateway::start_service(const std::vector<std::string>& wrapper) {
+  std::vector<std::string> argv = wrapper;
+  argv.push_back(kService);
+  m_service = run(argv);
   return m_service->started() || fail("transparent-channel did not start");
 }
 
@@ -143,19 +147,36 @@ bool Gateway::wait_status(const std::string& expected, int timeout_ms, std::stri
 }
 
 int Gateway::set_config(const std::string& key, const std::string& value) {
-  ChildProcess tool({kConfigTool, "set", key, value});
+  // A value that would read as an option goes through standard input.
+  const bool piped = !value.empty() && value[0] == '-';
+  ChildProcess tool({kConfigTool, "set", key, piped ? "-" : value});
+  if (piped) {
+    tool.write_input(value);
+    tool.close_input();
+  }
   int status = 0;
   if (!tool.wait_exit(10000 * kSlowdown, &status)) return -1;
   return tc_test::exit_code(status);
 }
 
-bool Gateway::wait_main_thread_in(long number, int timeout_ms) {
-  const std::string file = "/proc/" + std::to_string(m_service->pid()) + "/syscall";
+bool Gateway::wait_thread_in(long number, int timeout_ms, bool main) {
+  const std::string pid = std::to_string(m_service->pid());
+  const std::string tasks = "/proc/" + pid + "/task";
+  // "<number> <arguments...>" while in a call; "running" or "-1 ..." otherwise.
+  const auto in_call = [number](const std::string& file) {
+    long current = -1;
+    return (std::ifstream(file) >> current) && current == number;
+  };
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
   while (std::chrono::steady_clock::now() < end) {
-    // "<number> <arguments...>" while in a call; "running" or "-1 ..." otherwise.
-    long current = -1;
-    if ((std::ifstream(file) >> current) && current == number) return true;
+    if (main) {
+      if (in_call("/proc/" + pid + "/syscall")) return true;
+    } else {
+      std::error_code error;
+      for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
+        if (task.path().filename() != pid && in_call(task.path().string() + "/syscall")) return true;
+      }
+    }
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return false;

@@ -60,11 +60,12 @@ class Gateway {
   // "tc-config serve --store FILE", FILE holding `keys`.
   bool start_manager(const Keys& keys);
   bool start_lora_sim(const std::vector<std::string>& options = {});
-  // "tc-serial-peer --bind ip --keepalive 1 OPTIONS"; peers are numbered in
-  // the order they start.
+  // "tc-serial-peer --bind ip --keepalive 1 --allow /dev/pts/* OPTIONS";
+  // peers are numbered in the order they start.
   bool start_serial_peer(const std::string& ip, const std::vector<std::string>& options = {});
-  // Starts the service without waiting for anything.
-  bool start_service();
+  // Starts the service without waiting for anything; `wrapper` (a command
+  // that runs the rest of its line) goes in front of it.
+  bool start_service(const std::vector<std::string>& wrapper = {});
   bool wait_ready();
   // Bus, manager, LoRa simulator, serial peer on 127.0.0.2, then the service,
   // until it reports its start-up done.
@@ -86,9 +87,10 @@ class Gateway {
   // "tc-config set KEY VALUE" as a user would type it; the exit status.
   int set_config(const std::string& key, const std::string& value);
 
-  // Waits until the service's main thread sleeps in system call `number`
-  // (from /proc), so that a signal sent next finds it inside that call.
-  bool wait_main_thread_in(long number, int timeout_ms);
+  // Waits until the service's main thread (or, with `main` false, any other
+  // thread) sleeps in system call `number` (from /proc), so that what the
+  // test does next finds it inside that call.
+  bool wait_thread_in(long number, int timeout_ms, bool main = true);
 
   // Sends `sig` and waits for the service to end.
   ExitResult stop_service(int sig);

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/e2e/gateway.h"
@@ -31,6 +32,7 @@ const char* const kBusRetry = " W start: start, dbus connect fail, try again";
 const char* const kLanRetry = " W start: start, lora lan start fail, try again";
 const char* const kNodeRetry = " W start: start, lora node start fail, try again";
 const char* const kEui = "00aa11bb22cc33dd";
+const char* const kIntervalKey = "gw_tc_loralan_down_packet_interval";
 const char* const kIntervalSubscribed = "subscribed to [gw_tc_loralan_down_packet_interval]";
 
 Gateway::Keys keys_for(Gateway& gw, const e2e::RemotePort& port) {
@@ -81,10 +83,12 @@ TEST_P(OrderlyStop, StartsInOrderServesItsNameIgnoresHupAndPipeAndStopsInOrder) 
   const auto lines = gw.service().lines();
   expect_in_order(lines,
                   {e2e::kStartLine, kBusConnected, "start, get config gw_tc_loralan_mode:",
-                   "start, create 127.0.0.1:18099 success", "threadProc, add device fd:",
-                   "start, create 127.0.0.1:16068 success", "set_rf, result:0", "sync_abp_node, count:1,",
-                   "start, get config gw_tc_serial_devices:", e2e::kReadyLine},
+                   "start, create 127.0.0.1:18099 success", "start, create 127.0.0.1:16068 success",
+                   "set_rf, result:0", "sync_abp_node, count:1,", "start, get config gw_tc_serial_devices:",
+                   e2e::kReadyLine},
                   gw.service().output());
+  // The LAN bridge's own thread makes its device file, alongside the later starts.
+  EXPECT_TRUE(gw.service().wait_for_line("threadProc, add device fd:", 5000 * kSlowdown)) << gw.service().output();
   EXPECT_EQ(gw.service().count_lines("try again"), 0u) << gw.service().output();
   // The manager saw the subscriptions in start-up order: the shared LoRa
   // pair, then the LoRa LAN's interval, then the serial list.
@@ -225,6 +229,39 @@ TEST(Lifecycle, WithoutAManagerTheStartLoopsRetryAndSigtermStillEnds) {
   expect_orderly_exit(gw, "caught Terminated signal, exit");
 }
 
+// A down packet interval that is not a number of milliseconds, at start or
+// in a change, keeps the interval in force with one line: the start goes on,
+// and every notification is answered, a refused value with its own code.
+TEST(Lifecycle, AnIntervalThatIsNotANumberIsRefusedAndHoldsNothingBack) {
+  Gateway gw;
+  e2e::RemotePort port;
+  Gateway::Keys keys = keys_for(gw, port);
+  keys[kIntervalKey] = "abc";
+  ASSERT_TRUE(gw.start_all(keys)) << gw.error();
+  auto& service = gw.service();
+  const std::string refused = std::string("[") + kIntervalKey + "] is not a number of milliseconds, keep ";
+  EXPECT_EQ(service.count_lines("start, " + refused + "3500"), 1u) << service.output();
+  EXPECT_EQ(service.count_lines("try again"), 0u) << service.output();
+  EXPECT_TRUE(lora_test::path_exists(gw.path("lora1")));
+
+  const std::string answered =
+      std::string("notify_config, [") + kIntervalKey + "] to [iot.gateway.transparentchannel] result [";
+  const std::pair<const char*, int> changes[] = {
+      {"250", 0}, {"never", 100200}, {"99999999999", 100200}, {"-1", 100200}};
+  for (const auto& [value, code] : changes) {
+    const std::string answer = answered + std::to_string(code) + "].";
+    const size_t before = gw.manager().count_lines(answer);
+    ASSERT_EQ(gw.set_config(kIntervalKey, value), 0) << value;
+    EXPECT_TRUE(gw.manager().wait_for_line(answer, 5000 * kSlowdown, before + 1)) << value << "\n"
+                                                                                 << gw.manager().output();
+  }
+  EXPECT_EQ(service.count_lines(refused), 4u) << service.output();
+  EXPECT_EQ(service.count_lines("deal_down_packet_interval_change_config, " + refused + "250"), 3u)
+      << service.output();
+
+  e2e::expect_bounded_stop(gw);
+}
+
 // The LoRa node start blocks in its exchange with a node service that never
 // answers (10 s each time); the serial bridge, started after it, waits.
 class SilentNodeService : public testing::Test {
@@ -247,7 +284,10 @@ class SilentNodeService : public testing::Test {
   e2e::RemotePort port;
 };
 
-TEST_F(SilentNodeService, HoldsBackTheSerialBridgeUntilItAnswers) {
+// Later, a change of the RF settings waits on the bus callback thread for a
+// node service gone silent again.  SIGTERM ends that wait: the thread leaves
+// the provisioner before anything is deleted, and the exit is quick.
+TEST_F(SilentNodeService, HoldsBackTheSerialBridgeUntilItAnswersAndAStopEndsALaterWait) {
   ASSERT_TRUE(gw.service().wait_for_line(kNodeRetry, 20000 * kSlowdown)) << gw.service().output();
   EXPECT_EQ(gw.service().count_lines("udp_node_send_and_recv, recv_udp fail"), 1u) << gw.service().output();
   // The LoRa LAN bridge, started before, runs; the bus is served.
@@ -261,7 +301,22 @@ TEST_F(SilentNodeService, HoldsBackTheSerialBridgeUntilItAnswers) {
   EXPECT_TRUE(gw.wait_status(connected(gw, port), 10000 * kSlowdown, &last)) << last;
   EXPECT_TRUE(lora_test::path_exists(gw.path("ttyV1")));
 
-  e2e::expect_bounded_stop(gw);
+  ASSERT_TRUE(gw.lora_sim().write_input("node-result silent\n"));
+  ASSERT_EQ(gw.set_config("gw_tc_loralan_rf", R"({"class-c":{"RX2Frequency":"868100000","TxPower":"14","SF":"9"}})"),
+            0);
+  ASSERT_TRUE(gw.lora_sim().wait_for_line("RX2Frequency=\"868100000\"", 5000 * kSlowdown)) << gw.lora_sim().output();
+  ASSERT_TRUE(gw.wait_thread_in(SYS_recvfrom, 5000 * kSlowdown, false)) << gw.service().output();
+  const ExitResult exit = gw.stop_service(SIGTERM);
+  ASSERT_TRUE(exit.exited) << gw.service().output();
+  EXPECT_EQ(exit.code, 0);
+  // The woken exchange costs nothing; the loops' own stops take up to about
+  // a second (the serial loop sees its flag within its 1 s wait).
+  EXPECT_LT(exit.ms, 1500 * kSlowdown) << gw.service().output();
+  expect_orderly_exit(gw, "caught Terminated signal, exit");
+  // Ended by the stop, before the bus connection closed, not by its time-out.
+  expect_in_order(gw.service().lines(),
+                  {"caught Terminated", "set_rf, udp_node_send_and_recv fail", e2e::kDisconnectLine},
+                  gw.service().output());
 }
 
 // The signal is sent once the main thread sleeps in the receive: one that
@@ -270,7 +325,7 @@ TEST_F(SilentNodeService, HoldsBackTheSerialBridgeUntilItAnswers) {
 TEST_F(SilentNodeService, SigtermEndsTheWaitForItsAnswer) {
   ASSERT_TRUE(gw.service().wait_for_line("udp_node_send_and_recv, sendto 127.0.0.1:16058", 5000 * kSlowdown))
       << gw.service().output();
-  ASSERT_TRUE(gw.wait_main_thread_in(SYS_recvfrom, 5000 * kSlowdown));
+  ASSERT_TRUE(gw.wait_thread_in(SYS_recvfrom, 5000 * kSlowdown));
   const ExitResult exit = gw.stop_service(SIGTERM);
   ASSERT_TRUE(exit.exited) << gw.service().output();
   EXPECT_EQ(exit.code, 0);

@@ -6,11 +6,16 @@
 #include "service/lora_node.h"
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <fstream>
 #include <future>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "common/json/json_text.h"
@@ -46,6 +51,18 @@ std::string summary(const std::string& request) {
   const Json::Value& nodes = root["loranode"];
   std::string text = root["method"].asString() + " " + std::to_string(nodes.size());
   return nodes.empty() ? text : text + " " + nodes[0]["devEui"].asString();
+}
+
+// Polls until thread `tid` of this process sleeps in recvfrom.
+bool in_recvfrom(const std::atomic<long>& tid) {
+  for (int i = 0; i < 500; ++i, std::this_thread::sleep_for(milliseconds(10))) {
+    long number = -1;
+    if (tid != 0 && (std::ifstream("/proc/self/task/" + std::to_string(tid) + "/syscall") >> number) &&
+        number == SYS_recvfrom) {
+      return true;
+    }
+  }
+  return false;
 }
 
 class LoraNode : public testing::Test {
@@ -183,7 +200,7 @@ TEST_F(LoraNode, AFailedBatchStopsTheRest) {
   EXPECT_EQ(log.count("deal_node_change_config, add_abp_node fail"), 1u);
 }
 
-TEST_F(LoraNode, ASilentServiceCostsTenSecondsAndItsLateAnswerIsDropped) {
+TEST_F(LoraNode, ASilentServiceCostsTenSecondsALateAnswerIsDroppedAndACloseEndsTheWait) {
   EXPECT_EQ(start().get(), 1);
   const auto begin = steady_clock::now();
   auto done = change(kRfKey, "");
@@ -200,6 +217,23 @@ TEST_F(LoraNode, ASilentServiceCostsTenSecondsAndItsLateAnswerIsDropped) {
   done = change(kRfKey, "");
   EXPECT_EQ(serve(kOk), kDefaultRf);
   EXPECT_EQ(done.get(), 1);
+
+  // A close while a request waits ends that wait and lets the request finish
+  // before the descriptor goes, so the port is free again at once.
+  std::atomic<long> waiter{0};
+  done = std::async(std::launch::async, [&] {
+    waiter = syscall(SYS_gettid);
+    int extra = 0;
+    return node->config_change_callback(kRfKey, "", extra);
+  });
+  ASSERT_TRUE(service.receive(5000));
+  ASSERT_TRUE(in_recvfrom(waiter)) << "the request never waited";
+  const auto closing = steady_clock::now();
+  node->close_socket();
+  EXPECT_LT(duration_cast<milliseconds>(steady_clock::now() - closing).count(), 1000);
+  EXPECT_EQ(log.count("udp_node_send_and_recv, recv_udp fail, iret:-1"), 2u) << "ended before the close returned";
+  EXPECT_EQ(start().get(), 1) << log.dump();
+  EXPECT_EQ(done.get(), 0);
 }
 
 TEST(LoraNodeWithoutManager, StartFailsAndRequestsFailOnTheClosedSocket) {

@@ -10,7 +10,7 @@
 
 namespace tc_test {
 
-ChildProcess::ChildProcess(const std::vector<std::string>& argv) {
+ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::vector<int>& blocked) {
   int out[2];
   int in[2];
   if (pipe2(out, O_CLOEXEC) != 0) return;
@@ -23,20 +23,25 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv) {
   for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
 
+  // Blocked across the fork too, so that a signal sent right after it waits.
+  sigset_t mask;
+  sigset_t saved;
+  sigemptyset(&mask);
+  for (int sig : blocked) sigaddset(&mask, sig);
+  pthread_sigmask(SIG_BLOCK, &mask, &saved);
   m_pid = fork();
   if (m_pid == 0) {
     dup2(in[0], 0);
     dup2(out[1], 1);
     dup2(out[1], 2);
-    // Start as a shell would: default dispositions and nothing blocked (a
+    // Start as a shell would: default dispositions and nothing else blocked (a
     // sanitizer runtime may fork with signals blocked, and exec keeps the mask).
     ::signal(SIGPIPE, SIG_DFL);
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
+    sigprocmask(SIG_SETMASK, &mask, nullptr);
     execv(args[0], args.data());
     _exit(127);
   }
+  pthread_sigmask(SIG_SETMASK, &saved, nullptr);
   close(out[1]);
   close(in[0]);
   m_input = in[1];

@@ -14,7 +14,9 @@ namespace tc_test {
 
 class ChildProcess {
  public:
-  explicit ChildProcess(const std::vector<std::string>& argv);
+  // `blocked`: signals the program starts with blocked (and pending, when
+  // sent), as a careless parent could leave them.
+  explicit ChildProcess(const std::vector<std::string>& argv, const std::vector<int>& blocked = {});
   // Kills the program (SIGKILL) if it still runs.
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;

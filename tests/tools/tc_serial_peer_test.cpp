@@ -7,6 +7,8 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -41,7 +43,9 @@ struct RemotePort {
   std::string path;
 };
 
-std::unique_ptr<ChildProcess> run_peer(std::vector<std::string> args) {
+// The pseudo-terminals of the tests are allowed unless `allow_pts` is false.
+std::unique_ptr<ChildProcess> run_peer(std::vector<std::string> args, bool allow_pts = true) {
+  if (allow_pts) args.insert(args.begin(), {"--allow", "/dev/pts/*"});
   args.insert(args.begin(), kPeer);
   auto peer = std::make_unique<ChildProcess>(args);
   EXPECT_TRUE(peer->wait_for_line("listening on", 10000)) << peer->output();
@@ -81,9 +85,12 @@ TEST(SerialPeer, HelpAndUsage) {
   int status = 0;
   ASSERT_TRUE(help.wait_exit(5000, &status));
   EXPECT_EQ(tc_test::exit_code(status), 0);
-  ChildProcess bad({kPeer, "--port", "0"});
-  ASSERT_TRUE(bad.wait_exit(5000, &status));
-  EXPECT_EQ(tc_test::exit_code(status), 2);
+  const std::vector<std::string> usage_errors[] = {{kPeer, "--port", "0"}, {kPeer, "--allow", "dev/tty*"}};
+  for (const auto& args : usage_errors) {
+    ChildProcess bad(args);
+    ASSERT_TRUE(bad.wait_exit(5000, &status));
+    EXPECT_EQ(tc_test::exit_code(status), 2) << args[2];
+  }
 }
 
 TEST(SerialPeer, OpensThePortAsAskedAndSendsKeepalives) {
@@ -117,31 +124,63 @@ TEST(SerialPeer, OpensThePortAsAskedAndSendsKeepalives) {
   EXPECT_GE(at[1] - at[0], 500u);
 }
 
+// Nothing is opened that the patterns do not allow, whatever the path says,
+// and only an allowed path tells whether it exists.  The default allows
+// serial ports: neither pseudo-terminals nor consoles.
 TEST(SerialPeer, RefusalsCarryTheReason) {
-  auto peer = run_peer({"--bind", "127.0.0.1"});
   RemotePort port;
-  const struct {
+  char dir_template[] = "/tmp/tc-peer-XXXXXX";
+  ASSERT_TRUE(mkdtemp(dir_template));
+  const std::string dir = dir_template;
+  ASSERT_EQ(symlink("/etc/passwd", (dir + "/passwd").c_str()), 0);
+  ASSERT_EQ(symlink(port.path.c_str(), (dir + "/serial").c_str()), 0);
+  ASSERT_TRUE(std::ofstream(dir + "/plain") << "x");
+  const std::string refused = ": not an allowed serial port";
+  struct Case {
     Bytes req;
     int32_t code;
     std::string message;
-  } cases[] = {
-      {request("/dev/tc-no-such-port"), 2, "/dev/tc-no-such-port: No such file or directory"},
-      {request("tc-no-such-port"), 2, "/dev/tc-no-such-port: No such file or directory"},
-      {request("/dev/null"), 25, "/dev/null: Inappropriate ioctl for device"},
-      {request(port.path, 12345), 22, "unsupported baud rate 12345"},
-      {request(port.path, 9600, 9), 22, "unsupported data bits 9"},
-      {request(port.path, 9600, 8, 3), 22, "unsupported stop bits 3"},
-      {request(port.path, 9600, 8, 1, "M"), 22, "unsupported parity"},
   };
-  for (const auto& c : cases) {
-    int32_t code = 0;
-    std::string message;
-    auto link = open_port(c.req, code, message);
-    ASSERT_TRUE(link) << c.message;
-    EXPECT_EQ(code, c.code);
-    EXPECT_EQ(message, c.message);
-    EXPECT_TRUE(link->wait_closed());
+  const struct {
+    std::vector<std::string> allow;
+    std::vector<Case> cases;
+  } policies[] = {
+      {{"--allow", "/dev/pts/*", "--allow", "/dev/null", "--allow", dir + "/*"},
+       {
+           {request(dir + "/missing"), 2, dir + "/missing: No such file or directory"},
+           {request("tc-no-such-port"), 13, "/dev/tc-no-such-port" + refused},
+           {request("/dev/null"), 25, "/dev/null: Inappropriate ioctl for device"},
+           {request("../../etc/shadow"), 13, "/dev/../../etc/shadow" + refused},
+           {request("/dev/pts/../watchdog"), 13, "/dev/pts/../watchdog" + refused},
+           {request("/dev/vda"), 13, "/dev/vda" + refused},
+           {request(dir + "/passwd"), 13, dir + "/passwd" + refused + " (/etc/passwd)"},
+           {request(dir + "/plain"), 13, dir + "/plain: not a character device"},
+           {request(port.path, 12345), 22, "unsupported baud rate 12345"},
+           {request(port.path, 9600, 9), 22, "unsupported data bits 9"},
+           {request(port.path, 9600, 8, 3), 22, "unsupported stop bits 3"},
+           {request(port.path, 9600, 8, 1, "M"), 22, "unsupported parity"},
+       }},
+      {{},
+       {
+           {request(port.path), 13, port.path + refused},
+           {request(dir + "/serial"), 13, dir + "/serial" + refused + " (" + port.path + ")"},
+           {request("/dev/tty"), 13, "/dev/tty: a console, not a serial port"},
+           {request("ttyNoSuchPort"), 2, "/dev/ttyNoSuchPort: No such file or directory"},
+       }},
+  };
+  for (const auto& policy : policies) {
+    auto peer = run_peer(policy.allow, false);
+    for (const auto& c : policy.cases) {
+      int32_t code = 0;
+      std::string message;
+      auto link = open_port(c.req, code, message);
+      ASSERT_TRUE(link) << c.message;
+      EXPECT_EQ(code, c.code) << c.message;
+      EXPECT_EQ(message, c.message);
+      EXPECT_TRUE(link->wait_closed());
+    }
   }
+  std::filesystem::remove_all(dir);
 }
 
 TEST(SerialPeer, ABadClientLosesOnlyItsOwnConnection) {

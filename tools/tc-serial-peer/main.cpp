@@ -7,10 +7,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "common/log/log.h"
 #include "tools/tc-serial-peer/serial_peer.h"
 
+using Zentrova::Iot::Tools::CPortPolicy;
 using Zentrova::Iot::Tools::CSerialPeer;
 using Zentrova::Iot::Tools::PeerOptions;
 
@@ -33,22 +35,30 @@ const char* const kHelp =
     "  --fault-chance PCT  chance, per established connection and second, that one\n"
     "                      of the chosen faults strikes (default 10)\n"
     "  --seed N            seed of the fault dice (default: from the clock)\n"
+    "  --allow PATTERN     a device file clients may have opened, as an absolute\n"
+    "                      glob ('*' and '?' stop at '/'); repeatable.  Without\n"
+    "                      any, /dev/tty* (serial ports, not /dev/pts/*)\n"
     "  -h, --help          this text\n"
     "\n"
     "Each client first sends a connect request naming a serial port and its line\n"
     "settings.  Bare names (ttyS1) are looked up under /dev, absolute paths are\n"
-    "used as they are.  The port is opened in raw mode at the requested speed\n"
-    "(standard rates from 50 to 4000000 bit/s), 5 to 8 data bits, 1 or 2 stop bits,\n"
-    "parity N, O or E, and RTS/CTS when flow control is 1.  The answer is code 0\n"
-    "with a short message, or a non-zero code with the reason, after which the\n"
-    "connection is closed: the errno value of the failed open or termios call\n"
-    "(2 no such device, 13 permission denied, 25 not a terminal, ...), or 22 for\n"
-    "settings the port cannot take.  After code 0, bytes are relayed both ways in\n"
-    "data frames.  A malformed frame closes that connection only.  A new client of\n"
-    "a port that is already in use takes it over from the older connection.\n"
+    "used as they are.  Before anything is opened, the path is resolved (symbolic\n"
+    "links followed, '..' refused); it must then match an --allow pattern and be a\n"
+    "character device, and never is a console or the controlling terminal\n"
+    "(/dev/tty, /dev/tty0 to /dev/tty63, /dev/console).  The port is opened in raw\n"
+    "mode at the requested speed (standard rates from 50 to 4000000 bit/s), 5 to 8\n"
+    "data bits, 1 or 2 stop bits, parity N, O or E, and RTS/CTS when flow control\n"
+    "is 1.  The answer is code 0 with a short message, or a non-zero code with the\n"
+    "reason, after which the connection is closed: 13 for a path that is not\n"
+    "allowed, the errno value of a failed open or termios call (2 no such device,\n"
+    "13 permission denied, 25 not a terminal, ...), or 22 for settings the port\n"
+    "cannot take.  After code 0, bytes are relayed both ways in data frames.  A\n"
+    "malformed frame closes that connection only.  A new client of a port that is\n"
+    "already in use takes it over from the older connection.\n"
     "\n"
-    "Whoever reaches the listening port can open any terminal device of this\n"
-    "machine: bind to an interface only trusted gateways can reach.\n"
+    "Whoever reaches the listening port can open every allowed serial port of\n"
+    "this machine, without a password: bind to an interface only trusted\n"
+    "gateways can reach, and allow only the ports they are meant to use.\n"
     "\n"
     "Log lines go to standard error.  SIGTERM or SIGINT ends the program.\n"
     "Exit status: 0 after a signal; 1 when the address cannot be used; 2 usage error.\n";
@@ -71,6 +81,7 @@ bool number(const char* text, unsigned long max, unsigned long& out) {
 
 // Empty on success, else what is wrong.
 std::string parse(int argc, char** argv, PeerOptions& options, bool& help) {
+  std::vector<std::string> allowed;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "-h" || arg == "--help") {
@@ -78,7 +89,7 @@ std::string parse(int argc, char** argv, PeerOptions& options, bool& help) {
       continue;
     }
     if (arg != "--bind" && arg != "--port" && arg != "--keepalive" && arg != "--fault" && arg != "--fault-chance" &&
-        arg != "--seed") {
+        arg != "--seed" && arg != "--allow") {
       return "unknown argument " + arg;
     }
     if (i + 1 >= argc) return arg + " needs a value";
@@ -86,6 +97,9 @@ std::string parse(int argc, char** argv, PeerOptions& options, bool& help) {
     unsigned long n = 0;
     if (arg == "--bind") {
       options.bind = value;
+    } else if (arg == "--allow") {
+      if (value[0] != '/') return "--allow takes an absolute pattern, not " + std::string(value);
+      allowed.push_back(value);
     } else if (arg == "--port") {
       if (!number(value, 65535, n) || n == 0) return "--port takes 1 to 65535";
       options.port = static_cast<uint16_t>(n);
@@ -114,6 +128,7 @@ std::string parse(int argc, char** argv, PeerOptions& options, bool& help) {
       }
     }
   }
+  options.policy = CPortPolicy(allowed);
   return "";
 }
 
@@ -136,6 +151,10 @@ int main(int argc, char** argv) {
   sigaction(SIGTERM, &action, nullptr);
   sigaction(SIGINT, &action, nullptr);
   signal(SIGPIPE, SIG_IGN);
+
+  std::string allowed;
+  for (const std::string& pattern : options.policy.patterns()) allowed += " " + pattern;
+  TC_LOG(1, "main, ports allowed:%s", allowed.c_str());
 
   CSerialPeer peer(options);
   if (!peer.open()) return 1;

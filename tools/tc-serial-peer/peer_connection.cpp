@@ -37,7 +37,8 @@ void take(uint8_t* buf, size_t& len, size_t n) {
 
 }  // namespace
 
-CPeerConnection::CPeerConnection(int epfd, int socket_fd) : m_epfd(epfd), m_socket_fd(socket_fd) {}
+CPeerConnection::CPeerConnection(int epfd, int socket_fd, const CPortPolicy& policy)
+    : m_epfd(epfd), m_socket_fd(socket_fd), m_policy(&policy) {}
 
 CPeerConnection::~CPeerConnection() {
   epoll_del(m_epfd, m_socket_fd);
@@ -136,7 +137,7 @@ bool CPeerConnection::deal_request(const FrameHeader& header) {
   int32_t code = 0;
   std::string reason;
   m_port_path = serial_line_path(request.device);
-  const int fd = open_serial_line(request, code, reason);
+  const int fd = open_serial_line(request, *m_policy, code, reason);
   uint8_t response[kConnectResponseMinSize];
   if (fd < 0) {
     TC_LOG(2, "deal_request, fd %d: %s refused, code %d: %s", m_socket_fd, m_port_path.c_str(), code,

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "service/serial_frame.h"
+#include "tools/tc-serial-peer/port_policy.h"
 
 namespace Zentrova {
 namespace Iot {
@@ -20,8 +21,9 @@ namespace Tools {
 
 class CPeerConnection {
  public:
-  // Takes over `socket_fd` (already registered with `epfd`).
-  CPeerConnection(int epfd, int socket_fd);
+  // Takes over `socket_fd` (already registered with `epfd`); opens only the
+  // ports `policy` (which must outlive the connection) allows.
+  CPeerConnection(int epfd, int socket_fd, const CPortPolicy& policy);
   // Deregisters and closes the socket and the port.
   ~CPeerConnection();
   CPeerConnection(const CPeerConnection&) = delete;
@@ -55,6 +57,7 @@ class CPeerConnection {
 
   int m_epfd;
   int m_socket_fd;
+  const CPortPolicy* m_policy;
   int m_serial_fd = -1;
   bool m_watched = false;  // the port is in the epoll set
   dev_t m_port_id = 0;

@@ -50,7 +50,8 @@ std::string serial_line_path(const char* device) {
   return std::string("/dev/") + device;
 }
 
-int open_serial_line(const TransparentChannel::ConnectRequest& request, int32_t& code, std::string& reason) {
+int open_serial_line(const TransparentChannel::ConnectRequest& request, const CPortPolicy& policy, int32_t& code,
+                     std::string& reason) {
   // Settings first: a bad request never touches the port.
   speed_t speed = B0;
   if (!find_speed(request.baud_rate, speed)) {
@@ -70,8 +71,14 @@ int open_serial_line(const TransparentChannel::ConnectRequest& request, int32_t&
   }
 
   const std::string path = serial_line_path(request.device);
-  const int fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) return fail(code, reason, errno, path + ": " + strerror(errno));
+  std::string resolved;
+  if (!policy.check(path, resolved, code, reason)) return -1;
+  // The checked path itself: a link put in its place since is not followed.
+  const int fd = open(resolved.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
+  if (fd < 0) {
+    const int error = errno;
+    return fail(code, reason, error, path + ": " + strerror(error));
+  }
 
   termios tio{};
   if (tcgetattr(fd, &tio) != 0) {

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "service/serial_frame.h"
+#include "tools/tc-serial-peer/port_policy.h"
 
 namespace Zentrova {
 namespace Iot {
@@ -19,9 +20,11 @@ constexpr int32_t kBadLineSettings = 22;
 std::string serial_line_path(const char* device);
 
 // Opens the port non-blocking and in raw mode with the requested speed, data
-// bits, stop bits, parity and RTS/CTS flow control.  Returns the descriptor,
-// or -1 with `code` (an errno value, or kBadLineSettings) and `reason` set.
-int open_serial_line(const TransparentChannel::ConnectRequest& request, int32_t& code, std::string& reason);
+// bits, stop bits, parity and RTS/CTS flow control, if `policy` allows it.
+// Returns the descriptor, or -1 with `code` (an errno value, kBadLineSettings
+// or kPortRefused) and `reason` set.
+int open_serial_line(const TransparentChannel::ConnectRequest& request, const CPortPolicy& policy, int32_t& code,
+                     std::string& reason);
 
 }  // namespace Tools
 }  // namespace Iot

@@ -125,7 +125,7 @@ void CSerialPeer::accept_clients() {
       close(fd);
       continue;
     }
-    m_clients[fd] = Client{new CPeerConnection(m_epfd, fd), 0, false};
+    m_clients[fd] = Client{new CPeerConnection(m_epfd, fd, m_options.policy), 0, false};
   }
 }
 

@@ -28,6 +28,7 @@ struct PeerOptions {
   bool fault_garbage = false;
   uint32_t fault_percent = 10;  // chance per established connection and second
   uint32_t seed = 0;            // 0: from the clock
+  CPortPolicy policy;           // the ports a client may have opened
 };
 
 class CSerialPeer {

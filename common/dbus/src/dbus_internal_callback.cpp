@@ -15,11 +15,6 @@ namespace DBus {
 
 using Platform::CMutexGuard;
 
-namespace {
-// An idle worker wakes this often to re-check its flags.
-constexpr uint32_t kIdleWaitMs = 10000;
-}  // namespace
-
 CDBusInternalCallback::CDBusInternalCallback(CDBusServer* server)
     : CThread("DBus_callback_thread", POLICY_NORMAL, 64, 0), m_server(server) {}
 
@@ -50,15 +45,9 @@ void CDBusInternalCallback::push(CallbackItem* item) {
   m_wake.post();
 }
 
-void CDBusInternalCallback::push_method(DBusMessage* message) {
-  dbus_message_ref(message);
-  push(new CallbackItem{message, m_methodKind});
-}
+void CDBusInternalCallback::push_method(DBusMessage* message) { push(new CallbackItem{message, m_methodKind}); }
 
-void CDBusInternalCallback::push_signal(DBusMessage* message) {
-  dbus_message_ref(message);
-  push(new CallbackItem{message, m_signalKind});
-}
+void CDBusInternalCallback::push_signal(DBusMessage* message) { push(new CallbackItem{message, m_signalKind}); }
 
 void CDBusInternalCallback::push_status(int32_t status) { push(new CallbackItem{new int32_t(status), m_statusKind}); }
 
@@ -76,7 +65,16 @@ void CDBusInternalCallback::dispatch(const CallbackItem& item) {
     CDBusMethodCall call(static_cast<DBusMessage*>(item.payload));
     CDBusMethodReturn reply(call);
     bool sendReply = true;
-    m_server->message_method(call, reply, sendReply);
+    try {
+      m_server->message_method(call, reply, sendReply);
+    } catch (abi::__forced_unwind&) {
+      throw;
+    } catch (...) {
+      // The caller still gets an (empty) answer instead of waiting out its time-out.
+      CDBusMethodReturn empty(call);
+      m_server->send_dbus_reply(empty);
+      throw;
+    }
     if (sendReply) m_server->send_dbus_reply(reply);
   } else if (item.kind == m_signalKind) {
     CDBusSignal signal(static_cast<DBusMessage*>(item.payload));
@@ -88,7 +86,8 @@ void CDBusInternalCallback::dispatch(const CallbackItem& item) {
 
 void CDBusInternalCallback::threadProc() {
   while (m_started.load() && isRunning()) {
-    m_wake.wait(kIdleWaitMs);
+    // One post per queued item, and one from stop().
+    m_wake.wait(0);
     CallbackItem* item = nullptr;
     {
       CMutexGuard guard(&m_lock);

@@ -27,7 +27,7 @@ class CDBusInternalCallback : public Platform::CThread {
 
   bool start();
   void stop();
-  // Each takes its own reference on the message.
+  // Each takes over the caller's reference on the message.
   void push_method(DBusMessage* message);
   void push_signal(DBusMessage* message);
   void push_status(int32_t status);

@@ -1,5 +1,9 @@
 #include "common/dbus/src/dbus_internal_handle.h"
 
+#include <algorithm>
+#include <cstdint>
+#include <vector>
+
 #include "common/dbus/src/dbus_internal_callback.h"
 #include "common/log/log.h"
 #include "common/platform/src/lock/MutexGuard.h"
@@ -12,7 +16,6 @@ namespace DBus {
 using Platform::CMutexGuard;
 
 namespace {
-constexpr int kReadTimeoutMs = 100;
 const char* const kWatchdogName = "iot.gateway.watchdog";
 
 // The reader, the callback worker and callers all use the connection.
@@ -55,6 +58,7 @@ int CDBusInternalHandle::check_and_abort(DBusError* error) {
 }
 
 void CDBusInternalHandle::close_connection(DBusConnection* connection) {
+  m_watchSet.detach(connection);
   dbus_connection_close(connection);
   dbus_connection_unref(connection);
 }
@@ -134,7 +138,7 @@ int32_t CDBusInternalHandle::connect_to_bus() {
     // Set before the reader starts: its first read may return at once, and it
     // ends when it then finds the flag clear.
     m_connected.store(true);
-    if (CThread::start()) {
+    if (m_watchSet.attach(connection) && CThread::start()) {
       TC_LOG(1, "connect to bus success, address:%s, name:%s.", m_address.c_str(), m_name.c_str());
       return 0;
     }
@@ -156,6 +160,8 @@ int32_t CDBusInternalHandle::connect_to_bus() {
 
 void CDBusInternalHandle::disconnect() {
   if (!m_connected.exchange(false)) return;
+  requestStop();
+  m_watchSet.wake();
   CThread::stop();
 
   DBusConnection* connection;
@@ -277,37 +283,47 @@ bool CDBusInternalHandle::set_watchdog(const char* path, const char* text, uint3
   m_watchdogPath = path ? path : "";
   m_watchdogText = text ? text : "";
   m_watchdogInterval = intervalSeconds;
+  m_watchSet.wake();  // the reader's sleep depends on it
   return true;
 }
 
-void CDBusInternalHandle::feed_watchdog(uint64_t& lastFeed) {
+int CDBusInternalHandle::feed_watchdog(uint64_t& lastFeed) {
   int32_t interval;
-  std::string path;
-  std::string text;
   {
     CMutexGuard guard(&m_lock);
     interval = static_cast<int32_t>(m_watchdogInterval);
-    path = m_watchdogPath;
-    text = m_watchdogText;
   }
-  if (interval <= 0) return;
+  if (interval <= 0) return -1;
+  // Fed once more than `interval` whole seconds have passed.
+  const uint64_t periodMs = (static_cast<uint64_t>(interval) + 1) * 1000;
   const uint64_t now = Platform::tickMs();
-  if ((now - lastFeed) / 1000 <= static_cast<uint64_t>(interval)) return;
-  // The watchdog is told to allow twice the interval.
-  CDBusSignal feed(kWatchdogName, path, kWatchdogName, "feedDog");
-  if (feed.set_string(m_name) && feed.set_string(text) &&
-      feed.set_int32(static_cast<int32_t>(2u * static_cast<uint32_t>(interval)))) {
-    dbus_connection_send(m_connection, feed.get_message(), nullptr);
+  if (now - lastFeed >= periodMs) {
+    std::string path;
+    std::string text;
+    {
+      CMutexGuard guard(&m_lock);
+      path = m_watchdogPath;
+      text = m_watchdogText;
+    }
+    // The watchdog is told to allow twice the interval.
+    CDBusSignal feed(kWatchdogName, path, kWatchdogName, "feedDog");
+    if (feed.set_string(m_name) && feed.set_string(text) &&
+        feed.set_int32(static_cast<int32_t>(2u * static_cast<uint32_t>(interval)))) {
+      dbus_connection_send(m_connection, feed.get_message(), nullptr);
+    }
+    lastFeed = now;
   }
-  lastFeed = now;
+  return static_cast<int>(std::min<uint64_t>(lastFeed + periodMs - now, INT32_MAX));
 }
 
 void CDBusInternalHandle::threadProc() {
   TC_LOG(1, "threadProc, dbus begin loop read message.");
   uint64_t lastFeed = Platform::tickMs();
   while (isRunning()) {
-    feed_watchdog(lastFeed);
-    const dbus_bool_t bret = dbus_connection_read_write(m_connection, kReadTimeoutMs);
+    const int nextFeedMs = feed_watchdog(lastFeed);
+    // Does whatever reading and writing the connection allows, without
+    // waiting; the sleep is on the watch set below.
+    const dbus_bool_t bret = dbus_connection_read_write(m_connection, 0);
     if (!bret) {
       TC_LOG(1, "threadProc, dbus_connection_read_write bret:%d.", static_cast<int>(bret));
       if (m_callback) m_callback->push_status(-1);
@@ -317,32 +333,51 @@ void CDBusInternalHandle::threadProc() {
       TC_LOG(1, "threadProc, m_connected:%d.", 0);
       break;
     }
-    while (m_connected.load()) {
-      DBusMessage* message = dbus_connection_pop_message(m_connection);
-      if (!message) break;
-      const int type = dbus_message_get_type(message);
-      switch (type) {
-        case DBUS_MESSAGE_TYPE_METHOD_CALL:
-          if (m_callback) m_callback->push_method(message);
-          break;
-        case DBUS_MESSAGE_TYPE_METHOD_RETURN:
-          handle_return_method(message);
-          break;
-        case DBUS_MESSAGE_TYPE_ERROR:
-          handle_error_method(message);
-          break;
-        case DBUS_MESSAGE_TYPE_SIGNAL:
-          if (m_callback) m_callback->push_signal(message);
-          break;
-        default:
-          TC_LOG(2, "dbus read a unknow message, type:%d.", type);
-          break;
+    // All taken off the connection first: a worker woken by a hand-over then
+    // finds the connection free for its reply.
+    std::vector<DBusMessage*> popped;
+    while (DBusMessage* message = dbus_connection_pop_message(m_connection)) popped.push_back(message);
+    for (DBusMessage* message : popped) {
+      if (m_connected.load()) {
+        dispatch(message);
+      } else {
+        dbus_message_unref(message);
       }
-      dbus_message_unref(message);
     }
+    if (isRunning()) m_watchSet.wait(nextFeedMs);
   }
   m_connected.store(false);
   TC_LOG(1, "threadProc, dbus end loop read message.");
+}
+
+// The popped reference goes with the message to whoever takes it, before that
+// one is woken, so the thread that uses a message last also releases it.
+void CDBusInternalHandle::dispatch(DBusMessage* message) {
+  const int type = dbus_message_get_type(message);
+  switch (type) {
+    case DBUS_MESSAGE_TYPE_METHOD_CALL:
+      if (m_callback) {
+        m_callback->push_method(message);
+        return;
+      }
+      break;
+    case DBUS_MESSAGE_TYPE_METHOD_RETURN:
+      handle_return_method(message);
+      return;
+    case DBUS_MESSAGE_TYPE_ERROR:
+      handle_error_method(message);
+      return;
+    case DBUS_MESSAGE_TYPE_SIGNAL:
+      if (m_callback) {
+        m_callback->push_signal(message);
+        return;
+      }
+      break;
+    default:
+      TC_LOG(2, "dbus read a unknow message, type:%d.", type);
+      break;
+  }
+  dbus_message_unref(message);
 }
 
 void CDBusInternalHandle::handle_return_method(DBusMessage* message) {
@@ -355,12 +390,14 @@ void CDBusInternalHandle::handle_return_method(DBusMessage* message) {
     if (blocking != m_blockingCalls.end()) {
       // The waiting caller removes the entry.
       blocking->second->reply = CDBusMethodReturn(message);
+      dbus_message_unref(message);
       blocking->second->done.post();
       return;
     }
     auto async = m_asyncCalls.find(serial);
     if (async == m_asyncCalls.end()) {
       TC_LOG(0, "handle_return_method, no match, reply serial:%d.", static_cast<int>(serial));
+      dbus_message_unref(message);
       return;
     }
     // Taken out before the call, so the delegate may itself make calls.
@@ -370,6 +407,7 @@ void CDBusInternalHandle::handle_return_method(DBusMessage* message) {
     m_asyncCalls.erase(async);
   }
   CDBusMethodReturn reply(message);
+  dbus_message_unref(message);
   delegate(0, reply, context);
 }
 

@@ -1,8 +1,9 @@
 #pragma once
 // CDBusInternalHandle: one private bus connection.  It owns a well-known name
-// and match rules, and its reader thread pumps the connection every 100 ms:
-// replies complete outgoing calls by serial, incoming calls and signals go to
-// the callback worker, and an armed watchdog is fed.
+// and match rules, and its reader thread sleeps on the connection's socket
+// and a wake-up descriptor: replies complete outgoing calls by serial as they
+// arrive, incoming calls and signals go to the callback worker, and an armed
+// watchdog is fed.
 
 #include <dbus/dbus.h>
 
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "common/dbus/src/dbus_message.h"
+#include "common/dbus/src/dbus_watch_set.h"
 #include "common/platform/src/functor/Functor.h"
 #include "common/platform/src/lock/Mutex.h"
 #include "common/platform/src/thread/Thread.h"
@@ -57,15 +59,18 @@ class CDBusInternalHandle : public Platform::CThread {
   struct PendingCall;
   struct AsyncCall;
 
+  // Each takes over the caller's reference on `message`.
   void handle_return_method(DBusMessage* message);
   void handle_error_method(DBusMessage* message);
   void dispatch(DBusMessage* message);
-  void feed_watchdog(uint64_t& lastFeed);
+  // Feeds an armed watchdog when it is due; the milliseconds until the next
+  // feed, or -1 when unarmed.
+  int feed_watchdog(uint64_t& lastFeed);
   // A reference to the open connection, or null; the caller unrefs it.
   DBusConnection* acquire_connection();
   // Closes and frees a connection that the reader left behind on its own exit.
   void release_stale_connection();
-  static void close_connection(DBusConnection* connection);
+  void close_connection(DBusConnection* connection);
 
   std::atomic<bool> m_connected{false};
   CDBusInternalCallback* m_callback;
@@ -79,6 +84,7 @@ class CDBusInternalHandle : public Platform::CThread {
   std::string m_watchdogPath;
   std::string m_watchdogText;
   uint32_t m_watchdogInterval = 0;
+  CDBusWatchSet m_watchSet;
 };
 
 }  // namespace DBus

@@ -83,6 +83,11 @@ class PeerAndClient : public testing::Test {
     client = std::make_unique<TestServer>(bus.address(), "tc.test.client");
     ASSERT_EQ(client->connect(), 0);
   }
+  void TearDown() override {
+    client.reset();
+    peer.reset();
+    EXPECT_EQ(log.count_prefix("stop, DBus_"), 0u) << "a bus thread slept through its stop";
+  }
   // First, so it outlives every thread that may still log.
   LogCaptureScope log;
   DBusDaemon bus;

@@ -1,5 +1,6 @@
 #pragma once
-// CSemaphore: a counting semaphore whose timed wait polls in 50 ms steps.
+// CSemaphore: a counting semaphore whose timed wait sleeps until a post or a
+// deadline on the monotonic clock.
 
 #include <semaphore.h>
 
@@ -19,7 +20,8 @@ class CSemaphore {
   // Async-signal-safe.
   int post();
   bool tryWait();
-  // 0 waits without limit; otherwise gives up after whole 50 ms steps.
+  // True when a count was taken; false once at least timeoutMs have passed.
+  // 0 waits without limit.  Signals do not end the wait.
   bool wait(uint32_t timeoutMs);
 
  private:

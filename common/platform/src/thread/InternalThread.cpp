@@ -4,11 +4,12 @@
 #include <sched.h>
 
 #include <cassert>
+#include <chrono>
+#include <condition_variable>
 #include <exception>
+#include <mutex>
 
 #include "common/log/log.h"
-#include "common/platform/src/lock/Mutex.h"
-#include "common/platform/src/lock/MutexGuard.h"
 
 namespace Zentrova {
 namespace Iot {
@@ -17,15 +18,19 @@ namespace Platform {
 namespace {
 constexpr uint32_t kStackStep = 16384;
 constexpr uint32_t kStopWaitMs = 3000;
-constexpr uint32_t kStopStepMs = 30;
 }  // namespace
 
-// Bookkeeping of the current run.  `generation` tells a thread that was
-// cancelled (and so replaced by a later start) to leave the fields alone.
+// Bookkeeping of the current run.  `generation` tells a thread that stopped
+// itself (and so may have been replaced by a later start) to leave the
+// fields alone.
 struct InternalThread::State {
-  CMutex lock;
+  std::mutex lock;
+  // Notified when a thread has finished, by returning or by being cancelled.
+  std::condition_variable ended;
   uint64_t generation = 0;
+  // A thread not yet joined: whoever takes it out joins it, outside the lock.
   pthread_t handle = 0;
+  bool joinable = false;
   CThread* owner = nullptr;
   std::atomic<uint32_t> threadId{0};
   std::atomic<bool> alive{false};
@@ -37,6 +42,23 @@ struct InternalThread::Launch {
   uint64_t generation;
   CThread* owner;
   std::string name;
+};
+
+// Runs when the thread body is left in any way, the unwinding of a
+// cancellation included; from here on the thread touches nothing of its owner.
+struct InternalThread::Finish {
+  ~Finish() {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    State& s = *launch.state;
+    std::lock_guard<std::mutex> guard(s.lock);
+    if (s.generation == launch.generation && s.alive.load()) {
+      s.run.store(false);
+      s.owner = nullptr;
+      s.alive.store(false);
+    }
+    s.ended.notify_all();
+  }
+  const Launch& launch;
 };
 
 uint32_t InternalThread::mapPriority(uint32_t requested, uint32_t min, uint32_t max) {
@@ -83,6 +105,7 @@ InternalThread::InternalThread(const char* name, CThread::policyType policy, uin
 
 InternalThread::~InternalThread() {
   cancel();
+  reap();
   pthread_attr_destroy(&m_attr);
 }
 
@@ -91,8 +114,9 @@ bool InternalThread::alive() const { return m_state->alive.load(); }
 bool InternalThread::running() const { return m_state->run.load(); }
 
 bool InternalThread::start(CThread* owner) {
+  reap();
   State& s = *m_state;
-  CMutexGuard guard(&s.lock);
+  std::lock_guard<std::mutex> guard(s.lock);
   if (s.alive.load() || owner == nullptr) return false;
   s.alive.store(true);
   s.run.store(true);
@@ -101,10 +125,9 @@ bool InternalThread::start(CThread* owner) {
   pthread_t handle;
   int ret = pthread_create(&handle, &m_attr, &InternalThread::entry, launch);
   assert(0 == ret);
-  s.handle = handle;
-  ret = pthread_detach(handle);
-  assert(0 == ret);
   (void)ret;
+  s.handle = handle;
+  s.joinable = true;
   return true;
 }
 
@@ -112,8 +135,8 @@ bool InternalThread::start(CThread* owner) {
 // that is how glibc implements cancellation, not a fault of ours.
 __attribute__((no_sanitize("undefined"))) void* InternalThread::entry(void* arg) {
   std::unique_ptr<Launch> launch(static_cast<Launch*>(arg));
-  State& s = *launch->state;
-  s.threadId.store(CThread::currentThreadId());
+  launch->state->threadId.store(CThread::currentThreadId());
+  Finish finish{*launch};
   try {
     launch->owner->threadProc();
   } catch (abi::__forced_unwind&) {
@@ -122,15 +145,6 @@ __attribute__((no_sanitize("undefined"))) void* InternalThread::entry(void* arg)
     TC_LOG(3, "threadProc, %s ended by an exception: %s", launch->name.c_str(), e.what());
   } catch (...) {
     TC_LOG(3, "threadProc, %s ended by an unknown exception", launch->name.c_str());
-  }
-  // A cancel that lost the race must not hit the bookkeeping below.
-  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-  CMutexGuard guard(&s.lock);
-  if (s.generation == launch->generation && s.alive.load()) {
-    s.handle = 0;
-    s.run.store(false);
-    s.owner = nullptr;
-    s.alive.store(false);
   }
   return nullptr;
 }
@@ -143,29 +157,77 @@ bool InternalThread::requestStop() {
 
 bool InternalThread::stop() {
   State& s = *m_state;
-  if (!s.alive.load()) return false;
+  if (!s.alive.load()) {
+    reap();
+    return false;
+  }
   s.run.store(false);
   if (CThread::currentThreadId() != s.threadId.load()) {
-    for (uint32_t waited = 0; waited < kStopWaitMs && s.alive.load(); waited += kStopStepMs) {
-      CThread::sleepMs(kStopStepMs);
+    std::unique_lock<std::mutex> lock(s.lock);
+    const uint64_t generation = s.generation;
+    const bool ended = s.ended.wait_for(lock, std::chrono::milliseconds(kStopWaitMs), [&] {
+      return !s.alive.load() || s.generation != generation;
+    });
+    lock.unlock();
+    if (ended) {
+      reap();
+      return true;
     }
+    TC_LOG(2, "stop, %s did not end within %u ms, cancel it", m_name.c_str(), kStopWaitMs);
   }
-  if (!s.alive.load()) return true;
   cancel();
   return true;
 }
 
 bool InternalThread::cancel() {
   State& s = *m_state;
-  CMutexGuard guard(&s.lock);
-  if (!s.alive.load()) return false;
-  s.run.store(false);
-  if (CThread::currentThreadId() != s.threadId.load() && s.handle != 0) pthread_cancel(s.handle);
+  pthread_t handle;
+  {
+    std::unique_lock<std::mutex> lock(s.lock);
+    if (!s.alive.load()) return false;
+    s.run.store(false);
+    if (CThread::currentThreadId() == s.threadId.load()) {
+      // From the thread itself: it goes on to its end, and nobody joins it.
+      if (s.joinable) pthread_detach(s.handle);
+      s.joinable = false;
+      s.threadId.store(0);
+      s.handle = 0;
+      s.owner = nullptr;
+      s.alive.store(false);
+      return true;
+    }
+    if (!s.joinable) {
+      // Another caller is cancelling it: wait for that to end.
+      s.ended.wait(lock, [&] { return !s.alive.load(); });
+      return true;
+    }
+    handle = s.handle;
+    s.joinable = false;
+  }
+  pthread_cancel(handle);
+  // Once joined, nothing of the thread touches its owner any more.
+  pthread_join(handle, nullptr);
+  std::lock_guard<std::mutex> guard(s.lock);
   s.threadId.store(0);
   s.handle = 0;
   s.owner = nullptr;
   s.alive.store(false);
+  s.ended.notify_all();
   return true;
+}
+
+void InternalThread::reap() {
+  State& s = *m_state;
+  pthread_t handle;
+  {
+    std::lock_guard<std::mutex> guard(s.lock);
+    if (s.alive.load() || !s.joinable) return;
+    handle = s.handle;
+    s.handle = 0;
+    s.joinable = false;
+  }
+  // It has finished its body; this only waits for it to leave.
+  pthread_join(handle, nullptr);
 }
 
 }  // namespace Platform

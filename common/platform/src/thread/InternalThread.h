@@ -1,7 +1,9 @@
 #pragma once
 // InternalThread: the POSIX thread behind a CThread.  Attributes are built once
-// in the constructor; the thread runs detached; stop is cooperative with a
-// bounded wait, then forced.
+// in the constructor; stop is cooperative with a bounded wait for the thread's
+// end, then forced.  Every thread is joined (by stop, cancel, the next start or
+// the destructor), so a forced end returns only once the thread has finished
+// unwinding.
 
 #include <pthread.h>
 
@@ -44,7 +46,10 @@ class InternalThread {
  private:
   struct State;
   struct Launch;
+  struct Finish;
   static void* entry(void* arg);
+  // Joins a thread that has finished but was not joined yet.
+  void reap();
 
   std::string m_name;
   uint32_t m_creatorId;

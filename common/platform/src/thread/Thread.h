@@ -1,7 +1,10 @@
 #pragma once
 // CThread: base of every long-running object.  A derived class implements
 // threadProc() as a loop over isRunning(); stop() asks it to end and waits up
-// to 3 s before cancelling it.
+// to 3 s for its end before cancelling it.  A thread that sleeps on an event
+// must be woken by its class before stop() (stop() only clears the flag).
+// When stop() or cancel() returns, the thread has ended, its unwinding
+// included, so the object may be deleted.
 
 #include <cstdint>
 
