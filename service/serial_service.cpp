@@ -43,6 +43,7 @@ constexpr uint64_t kKeepaliveCheckMs = 10000;
 constexpr int32_t kKeepaliveTimeoutMs = 30000;
 constexpr size_t kStatusLineSize = 1024;
 constexpr int kTickStepMs = 10;
+constexpr int kUnsentLowWater = 65536;
 
 CSerialLink* find_by_socket(std::list<CSerialLink*>& devices, int fd) {
   if (fd < 0) return nullptr;
@@ -336,6 +337,10 @@ void CSerialService::do_connect(int epfd, DeviceList& devices) {
     // acknowledgement of the previous one (up to the peer's delayed ack).
     const int nodelay = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &nodelay, sizeof(nodelay));
+    // Unsent bytes stay few in the kernel (in flight is up to the peer's
+    // window): a stalled peer holds the device file's writer back after
+    // kilobytes, as a serial line would, not after megabytes of send buffer.
+    setsockopt(fd, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &kUnsentLowWater, sizeof(kUnsentLowWater));
     const SerialDeviceConfig& c = device->config();
     TC_LOG(1, "do connect, %s %s:%s %d:%d:%d:%s:%d", c.local_device.c_str(), c.ip.c_str(), c.device.c_str(),
            static_cast<int32_t>(c.baud_rate), c.data_bit, c.stop_bit, c.parity.c_str(), c.flow_control);
