@@ -50,7 +50,8 @@ modbus_compare() {
     tc-bench-modbus slave "$work/cable-$c-b" 2>>"$work/modbus-slave.log" &
     pids+=($!)
   done
-  tc-serial-peer --bind 127.0.0.1 2>"$work/tc-serial-peer.log" &
+  # The peer opens only what --allow names: the cable's end behind the link.
+  tc-serial-peer --bind 127.0.0.1 --allow "$(readlink -f "$work/cable-ours-a")" 2>"$work/tc-serial-peer.log" &
   pids+=($!)
   printf '[%s]' "$(serial_item "$work/tty-modbus" "$work/cable-ours-a")" | tc-config set gw_tc_serial_devices - >/dev/null
   transparent-channel 2>"$work/service-modbus.log" &
