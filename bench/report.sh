@@ -14,12 +14,13 @@ common_step() {
   awk -v d="$1" '$1 == d && $2 == "step" && $4 == "intact" && $5 == 1 { n[$3]++ } END { m = 0; for (s in n) if (n[s] == 2 && s + 0 > m) m = s + 0; print m }' \
     "$r/socat.txt" "$r/service.txt"
 }
-# Lower is better unless the 4th argument is "higher".
+# verdict ANCHOR OURS [lower|higher [ANCHOR_NAME]]: lower is better unless
+# the third argument is "higher"; the ratio is ours over the anchor's.
 verdict() {
-  awk -v a="$1" -v b="$2" -v dir="${3:-lower}" 'BEGIN {
+  awk -v a="$1" -v b="$2" -v dir="${3:-lower}" -v name="${4:-socat}" 'BEGIN {
     if (a == "-" || b == "-" || a + 0 == 0) { print "n/a"; exit }
     ok = dir == "higher" ? (b + 0 >= a + 0) : (b + 0 <= a + 0)
-    printf "%s (%.2fx socat)\n", ok ? "met" : "missed", (b + 0) / (a + 0) }'
+    printf "%s (%.2fx %s)\n", ok ? "met" : "missed", (b + 0) / (a + 0), name }'
 }
 
 S="$r/socat.txt"
@@ -68,6 +69,30 @@ done
 echo '```'
 echo
 
+M="$r/modbus.txt"
+# median SIDE FIELD: the median over the rounds of SIDE ("ours", "theirs").
+median() {
+  [ -f "$M" ] || { echo "-"; return; }
+  awk -v side="$1" -v f="$2" '$1 == side { for (i = 1; i < NF; i++) if ($i == f) print $(i + 1) }' "$M" |
+    sort -g | awk '{ v[NR] = $1 } END { print NR ? v[int((NR + 1) / 2)] : "-" }'
+}
+echo "### Whole serial path, Modbus RTU request/response (median of three alternating rounds)"
+echo
+echo "| measure | socat + ser2net | transparent-channel + tc-serial-peer | target |"
+echo "|---|---|---|---|"
+a=$(median theirs tps); b=$(median ours tps)
+echo "| transactions/s, 60 registers | $a | $b | $(verdict "$a" "$b" higher "socat + ser2net") |"
+for q in p50_us p99_us; do
+  a=$(median theirs $q); b=$(median ours $q)
+  echo "| transaction $q | $a | $b | $(verdict "$a" "$b" lower "socat + ser2net") |"
+done
+echo
+echo "Rounds:"
+echo
+echo '```'
+[ -f "$M" ] && cat "$M"
+echo '```'
+echo
 H="$r/hold-10-10.txt"
 echo "### Memory: one service process with 10 serial + 10 LoRa devices vs one socat bridging one port"
 echo

@@ -1,14 +1,17 @@
 #!/usr/bin/env bash
 # Benchmarks of the serial and LoRa bridges, side by side with socat as the
-# baseline serial bridge.  Builds its own Release folder (build-bench/), runs
-# everything in private network and mount namespaces with a tmpfs on /tmp
-# (root needed), and prints the tables.  About 10 minutes after the build.
+# baseline serial bridge, the whole serial path (service + tc-serial-peer
+# against socat + ser2net) with a Modbus RTU master and slave, and the bus.
+# Builds its own Release folder (build-bench/), runs everything in private
+# network and mount namespaces with a tmpfs on /tmp (root needed), and prints
+# the tables.  About 14 minutes after the build.
 #
 #   bench/run.sh              everything
 #   bench/run.sh quick        shorter: scale series only up to 50 serial / 250 LoRa
 #   bench/run.sh bus          only the bus, start-up, idle and stop section (about 3 minutes)
 #   unshare --net --mount --propagation private bench/run.sh --inside compare
-#                             (after one full run) only the socat / service comparison
+#                             (after one full run) only the socat / service
+#                             comparisons, the bridge alone and the whole path
 # Raw results stay in build-bench/bench-results/.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
@@ -29,6 +32,53 @@ serial_item() {  # local device, remote device name
   printf '{"local_device":"%s","remote_device":{"ip":"127.0.0.1","device":"%s","baud_rate":115200,"data_bit":8,"stop_bit":1,"parity":"N","flow_control":0}}' "$1" "$2"
 }
 
+# The whole serial path with a real serial program on each end: a Modbus RTU
+# master reads 60 holding registers through each pair of bridges from a
+# slave behind a null-modem cable (two pseudo-terminals joined by socat, one
+# cable per pair).  Ours: the service on the gateway, tc-serial-peer on the
+# far side.  Theirs: socat on the gateway, ser2net on the far side.  Every
+# TCP hop of both sets TCP_NODELAY.  Three alternating rounds of 5 s.
+modbus_compare() {
+  local c r dev
+  local first=${#pids[@]}
+  for c in ours theirs; do
+    socat PTY,link="$work/cable-$c-a",raw,echo=0 PTY,link="$work/cable-$c-b",raw,echo=0 2>>"$work/cable.log" &
+    pids+=($!)
+  done
+  for c in ours theirs; do
+    wait_for "$work/cable-$c-b"
+    tc-bench-modbus slave "$work/cable-$c-b" 2>>"$work/modbus-slave.log" &
+    pids+=($!)
+  done
+  # The peer opens only what --allow names: the cable's end behind the link.
+  tc-serial-peer --bind 127.0.0.1 --allow "$(readlink -f "$work/cable-ours-a")" 2>"$work/tc-serial-peer.log" &
+  pids+=($!)
+  printf '[%s]' "$(serial_item "$work/tty-modbus" "$work/cable-ours-a")" | tc-config set gw_tc_serial_devices - >/dev/null
+  transparent-channel 2>"$work/service-modbus.log" &
+  pids+=($!)
+  printf 'connection: &modbus\n  accepter: tcp(nodelay),127.0.0.1,2000\n  connector: serialdev,%s,115200n81,local\n  options:\n    chardelay: false\n' \
+    "$work/cable-theirs-a" >"$work/ser2net.yaml"
+  ser2net -n -d -c "$work/ser2net.yaml" >"$work/ser2net.log" 2>&1 &
+  pids+=($!)
+  for _ in $(seq 1 100); do ss -ltn | grep -q '127.0.0.1:2000 ' && break; sleep 0.05; done
+  socat PTY,link="$work/socat-modbus",raw,echo=0 TCP:127.0.0.1:2000,nodelay 2>>"$work/socat-modbus.log" &
+  pids+=($!)
+  wait_for "$work/socat-modbus"
+  for _ in $(seq 1 100); do grep -q 'response code:0' "$work/service-modbus.log" && break; sleep 0.05; done
+  : >"$results/modbus.txt"
+  for r in 1 2 3; do
+    for c in ours theirs; do
+      dev="$work/tty-modbus"
+      [ "$c" = theirs ] && dev="$work/socat-modbus"
+      echo "$c round $r $(tc-bench-modbus master "$dev" 5)" | tee -a "$results/modbus.txt" >&2
+    done
+  done
+  # ser2net ignores SIGTERM while it runs in the foreground.
+  for c in "${pids[@]:$first}"; do kill -KILL "$c" 2>/dev/null || true; done
+  pids=("${pids[@]:0:$first}")
+  tc-config set gw_tc_serial_devices '[]' >/dev/null
+}
+
 lora_item() {  # device file, index
   printf '{"devFile":"%s","devEUI":"%016x","upFport":-1,"downFport":10,"confirmed":false,"devAddr":"%08x","nwkskey":"000102030405060708090a0b0c0d0e0f","appskey":"0f0e0d0c0b0a09080706050403020100","mode":"ABP"}' "$1" "$2" "$2"
 }
@@ -44,9 +94,14 @@ set_devices() {  # serial count, lora count (files ser<i>, lora<i> in $work)
 
 inside() {
   mount -t tmpfs tmpfs /tmp
+  # ser2net's port locks, private to this run.
+  mount -t tmpfs tmpfs /run/lock
   ip link set lo up
+  # ser2net resolves its listening address only when an interface other than
+  # the loopback has one.
+  ip link add tcbench0 type bridge && ip addr add 192.0.2.1/24 dev tcbench0 && ip link set tcbench0 up
   mkdir -p "$work" "$bus_dir" "$results"
-  export PATH="$build/service:$build/tools/tc-config:$build/tools/tc-lora-sim:$build/bench:$PATH"
+  export PATH="$build/service:$build/tools/tc-config:$build/tools/tc-lora-sim:$build/tools/tc-serial-peer:$build/bench:$PATH"
   pids=()
   trap 'for p in "${pids[@]}"; do kill -TERM "$p" 2>/dev/null || true; done; wait 2>/dev/null || true' EXIT
 
@@ -72,6 +127,8 @@ inside() {
   tc-config set gw_tc_loralan_mode off >/dev/null
   tc-bench-bridge compare --dir "$work" --out "$results/service.txt" -- transparent-channel
   rm -f "$work"/tty-*
+  echo "== whole serial path, Modbus RTU: transparent-channel + tc-serial-peer, socat + ser2net" >&2
+  modbus_compare
   [ "$mode" = compare ] && { cp "$work"/*.log "$results/"; return 0; }
 
   local runs
@@ -161,9 +218,13 @@ fi
 # --------------------------------------------------------------- outside --
 [ "$(id -u)" -eq 0 ] || { echo "bench/run.sh: needs root (private namespaces, fixed ports and bus path)" >&2; exit 1; }
 "$root/packaging/install-deps.sh"
+# The whole-path comparison's own needs: libmodbus for the master and slave, and ser2net.
+if ! dpkg-query -W -f='${Status}' libmodbus-dev ser2net 2>/dev/null | grep -c "install ok installed" | grep -q 2; then
+  apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq libmodbus-dev ser2net >&2
+fi
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DTC_SANITIZE= -DTC_BUILD_TESTS=OFF -DTC_BUILD_BENCH=ON >/dev/null
-cmake --build "$build" -j "$(nproc)" --target transparent-channel tc-config tc-lora-sim tc-micro-bench tc-bench-bridge \
-  tc-bench-bus
+cmake --build "$build" -j "$(nproc)" --target transparent-channel tc-config tc-lora-sim tc-serial-peer tc-micro-bench \
+  tc-bench-bridge tc-bench-modbus tc-bench-bus
 rm -rf "$results"
 mkdir -p "$results"
 

@@ -1,27 +1,32 @@
-// The serial bridge's receive path fed an arbitrary TCP byte stream in
-// arbitrary pieces: CSerialService::deal_message reads one end of a socket
-// pair, as it reads its TCP socket, and writes data frames to another socket
-// pair standing in for the pseudo-terminal master.
+// One link of the serial bridge (CSerialLink) fed arbitrary bytes in
+// arbitrary pieces, both ways, over socket pairs standing in for its TCP
+// socket and its pseudo-terminal, with readers at the far ends that may take
+// a few bytes at a time, so that sends and device writes are cut anywhere.
 //
 // Input:
-//   byte 0       state of the connection when the stream starts (% 3), and
-//                whether the device file's reader stalls (/ 3 % 2)
-//   byte 1       n: how many piece sizes follow (n % 16)
-//   n bytes      piece sizes, 1 to 256 each, taken in turn; none: one piece
+//   byte 0       bits 0-1: state of the connection when the stream starts
+//                (% 3: awaiting the response, connecting, established);
+//                bit 2: the device file's reader is slow; bit 3: the peer's
+//                reader is slow
+//   byte 1       n: how many sizes follow (n % 16)
+//   n bytes      sizes, 1 to 256 each, taken in turn for the pieces written
+//                and the bytes a slow reader takes; none: everything at once
 //   the rest     the stream
 //
-// Besides the sanitizers, three checks: the stream is fed once as the input
-// splits it and once whole, and what reaches the device file, whether the
-// connection fails before the stream ends and the state it ends in must not
-// depend on the split; when the device file's reader stalls (a small buffer
-// nobody reads until the end), what got through is the start of what a
-// prompt reader gets, and the connection fails unless that is all of it; a
-// connection still open at the end of the stream closes when the peer does.
+// Receiving, the stream is what the peer sends: what reaches the device file,
+// whether the connection fails and the state it ends in must be exactly what
+// one piece read by a prompt reader gives; a connection still open at the end
+// closes when the peer does.  Sending, the stream is what a program writes to
+// the device file of an established link: the peer must read data frames
+// (1 to 1468 bytes of payload each) that carry exactly the stream, in order.
+// Besides these checks, the sanitizers.
 
 #include <fcntl.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -29,16 +34,11 @@
 #include <vector>
 
 #include "fuzz/fuzz_log.h"
-#include "service/serial_device.h"
+#include "service/common.h"
 #include "service/serial_frame.h"
-#include "service/serial_service.h"
+#include "service/serial_link.h"
 
-using Zentrova::Iot::TransparentChannel::CSerialService;
-using Zentrova::Iot::TransparentChannel::kFrameMaxSize;
-using Zentrova::Iot::TransparentChannel::kSerialAwaiting;
-using Zentrova::Iot::TransparentChannel::kSerialEstablished;
-using Zentrova::Iot::TransparentChannel::kSerialIdle;
-using Zentrova::Iot::TransparentChannel::SerialDevice;
+using namespace Zentrova::Iot::TransparentChannel;
 
 namespace {
 
@@ -51,85 +51,152 @@ void check(bool condition, const char* what) {
   std::abort();
 }
 
-struct Outcome {
-  std::string delivered;       // bytes written to the device file
-  bool failed_early = false;   // closed before the peer closed
-  int32_t state = kSerialIdle;
-  bool operator==(const Outcome& o) const {
-    return delivered == o.delivered && failed_early == o.failed_early && state == o.state;
+// The sizes of the input, in turn; without any, everything at once.
+struct Sizes {
+  std::vector<size_t> list;
+  size_t turn = 0;
+  size_t next(size_t all) { return list.empty() ? all : list[turn++ % list.size()]; }
+};
+
+// A socket pair: [0] the link's end (non-blocking), [1] the far end.
+struct Pair {
+  int fd[2] = {-1, -1};
+  explicit Pair(bool small) {
+    check(socketpair(AF_UNIX, SOCK_STREAM, 0, fd) == 0, "socketpair");
+    for (int f : fd) fcntl(f, F_SETFL, fcntl(f, F_GETFL) | O_NONBLOCK);
+    // The kernel's smallest buffer: a few frames fill it.
+    const int one = 1;
+    if (small) setsockopt(fd[0], SOL_SOCKET, SO_SNDBUF, &one, sizeof one);
+  }
+  ~Pair() {
+    for (int f : fd) close(f);
+  }
+  // Up to `n` bytes from the far end; what came.
+  size_t take(std::string& out, size_t n) {
+    char buf[8192];
+    size_t got = 0;
+    while (got < n) {
+      const ssize_t r = read(fd[1], buf, std::min(sizeof buf, n - got));
+      if (r <= 0) break;
+      out.append(buf, static_cast<size_t>(r));
+      got += static_cast<size_t>(r);
+    }
+    return got;
+  }
+  // As much of `data` as fits; the count written.
+  size_t give(const uint8_t* data, size_t len) {
+    const ssize_t n = len ? write(fd[1], data, len) : 0;
+    return n > 0 ? static_cast<size_t>(n) : 0;
   }
 };
 
-void write_all(int fd, const uint8_t* data, size_t len) {
-  while (len > 0) {
-    const ssize_t n = write(fd, data, len);
-    check(n > 0, "write to the socket pair failed");
-    data += n;
-    len -= static_cast<size_t>(n);
-  }
+SerialDeviceConfig fuzz_config() {
+  SerialDeviceConfig config;
+  config.local_device = "/var/run/tc/ttyFuzz0";
+  config.ip = "192.0.2.1";
+  config.device = "ttyS0";
+  config.parity = "N";
+  return config;
 }
 
-void drain(int fd, std::string& out) {
-  char buf[4096];
-  for (;;) {
-    const ssize_t n = read(fd, buf, sizeof buf);
-    if (n <= 0) return;
-    out.append(buf, static_cast<size_t>(n));
-  }
+// A link on `net` and `dev` in `state`; the request and the response are
+// taken off the wire.
+void bring_to(CSerialLink& link, Pair& net, int32_t state) {
+  link.attach(net.fd[0]);
+  if (state == kSerialIdle) return;
+  link.deal_connect();
+  std::string request;
+  net.take(request, kConnectRequestSize);
+  check(request.size() == kConnectRequestSize, "connect request not sent whole");
+  if (state == kSerialAwaiting) return;
+  uint8_t response[kConnectResponseMinSize];
+  net.give(response, build_connect_response(0, "ok", response));
+  check(link.deal_message() && link.state() == kSerialEstablished, "response not taken");
 }
 
-// One connection's life: the stream arrives in pieces of `sizes` (whole when
-// empty), the receive step runs after each, then the peer closes.
-Outcome feed(int32_t state, const uint8_t* stream, size_t len, const std::vector<size_t>& sizes, bool stall) {
-  int net[2];
-  int dev[2];
-  check(socketpair(AF_UNIX, SOCK_STREAM, 0, net) == 0, "socketpair");
-  check(socketpair(AF_UNIX, SOCK_STREAM, 0, dev) == 0, "socketpair");
-  // The service's ends are non-blocking, like its TCP socket and pty master.
-  for (int fd : {net[0], dev[0], dev[1]}) fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
-  if (stall) {
-    // The kernel's smallest buffer: a few frames fill it.
-    const int size = 1;
-    setsockopt(dev[0], SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+struct Received {
+  std::string delivered;
+  bool failed = false;  // closed before the peer closed
+  int32_t state = kSerialIdle;
+  bool operator==(const Received& o) const {
+    return delivered == o.delivered && failed == o.failed && state == o.state;
   }
+};
 
-  SerialDevice device;
-  device.socket_fd = net[0];
-  device.device_fd = dev[0];
-  device.state.store(state);
-  device.config.local_device = "/var/run/tc/ttyFuzz0";
-  device.config.ip = "192.0.2.1";
-  device.config.device = "ttyS0";
-  device.config.parity = "N";
+// The device file's end registered as the bridge's loop registers it.
+struct Epoll {
+  int fd = epoll_create1(EPOLL_CLOEXEC);
+  explicit Epoll(int device_fd) { check(fd >= 0 && epoll_add(fd, device_fd) == 0, "epoll"); }
+  ~Epoll() { close(fd); }
+};
 
-  Outcome outcome;
+Received receive(int32_t state, const uint8_t* stream, size_t len, Sizes sizes, bool slow) {
+  Pair net(false), dev(slow);
+  Epoll epoll(dev.fd[0]);
+  CSerialLink link(fuzz_config(), dev.fd[0], epoll.fd, &fuzz_clock);
+  bring_to(link, net, state);
+  Received out;
   bool open = true;
-  size_t pos = 0;
-  size_t turn = 0;
-  while (open && pos < len) {
-    size_t piece = sizes.empty() ? len - pos : sizes[turn++ % sizes.size()];
-    if (piece > len - pos) piece = len - pos;
-    write_all(net[1], stream + pos, piece);
-    pos += piece;
-    open = CSerialService::deal_message(&device, &fuzz_clock);
-    if (!stall) drain(dev[1], outcome.delivered);
-    if (open) {
-      check(device.recv_buf != nullptr, "open connection without a receive buffer");
-      check(device.recv_len < kFrameMaxSize, "receive buffer left full");
-    }
+  for (size_t pos = 0; open && pos < len;) {
+    const size_t piece = std::min(sizes.next(len), len - pos);
+    pos += net.give(stream + pos, piece);
+    open = link.deal_message();
+    // The reader takes a little; the device file's writable edge follows.
+    if (open) dev.take(out.delivered, slow ? sizes.next(SIZE_MAX) : SIZE_MAX);
+    if (open) open = link.deal_device_room();
   }
-  outcome.failed_early = !open;
-  outcome.state = device.state.load();
-  drain(dev[1], outcome.delivered);
+  // The reader catches up with whatever is held.
+  for (int rounds = 0; open && link.holding_peer(); ++rounds) {
+    check(rounds < 100000, "held payloads never reached the device file");
+    dev.take(out.delivered, SIZE_MAX);
+    open = link.deal_device_room();
+  }
+  dev.take(out.delivered, SIZE_MAX);
+  out.failed = !open;
+  out.state = link.state();
   if (open) {
-    shutdown(net[1], SHUT_WR);
-    check(!CSerialService::deal_message(&device, &fuzz_clock), "connection survived the peer's close");
+    shutdown(net.fd[1], SHUT_WR);
+    check(!link.deal_message(), "connection survived the peer's close");
   }
+  check(out.delivered.size() <= len, "more bytes delivered than received");
+  return out;
+}
 
-  delete[] device.recv_buf;
-  for (int fd : {net[0], net[1], dev[0], dev[1]}) close(fd);
-  check(outcome.delivered.size() <= len, "more bytes delivered than received");
-  return outcome;
+// Payloads of the data frames in `wire`, which must hold nothing else.
+std::string payloads(const std::string& wire) {
+  std::string out;
+  const auto* bytes = reinterpret_cast<const uint8_t*>(wire.data());
+  for (size_t at = 0; at < wire.size();) {
+    FrameHeader header{};
+    check(examine_frame(bytes + at, wire.size() - at, header) == FrameCheck::complete, "frame cut or malformed");
+    check(header.type == kFrameData && header.len > kFrameHeaderSize, "not a data frame");
+    out.append(wire, at + kFrameHeaderSize, header.len - kFrameHeaderSize);
+    at += header.len;
+  }
+  return out;
+}
+
+void send(const uint8_t* stream, size_t len, Sizes sizes, bool slow) {
+  Pair net(slow), dev(false);
+  Epoll epoll(dev.fd[0]);
+  CSerialLink link(fuzz_config(), dev.fd[0], epoll.fd, &fuzz_clock);
+  bring_to(link, net, kSerialEstablished);
+  std::string wire;
+  for (size_t pos = 0; pos < len;) {
+    pos += dev.give(stream + pos, std::min(sizes.next(len), len - pos));
+    check(link.deal_device_message(), "send failed");
+    // The peer takes a little; the socket's writable edge follows.
+    net.take(wire, slow ? sizes.next(SIZE_MAX) : SIZE_MAX);
+    check(link.deal_socket_room(), "send failed");
+  }
+  // The peer catches up with whatever waits.
+  for (int rounds = 0;; ++rounds) {
+    check(rounds < 100000, "the device file's bytes never reached the peer");
+    check(link.deal_socket_room() && link.deal_device_message(), "send failed");
+    if (net.take(wire, SIZE_MAX) == 0) break;
+  }
+  check(payloads(wire) == std::string(reinterpret_cast<const char*>(stream), len),
+        "the peer did not get the device file's bytes, in order");
 }
 
 }  // namespace
@@ -142,26 +209,22 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 2) return 0;
   static const int32_t kStates[] = {kSerialAwaiting, kSerialIdle, kSerialEstablished};
-  const int32_t state = kStates[data[0] % 3];
-  const bool stall = data[0] / 3 % 2 == 1;
+  const int32_t state = kStates[(data[0] & 3) % 3];
+  const bool slow_device = data[0] & 4;
+  const bool slow_peer = data[0] & 8;
+  Sizes sizes;
   size_t count = data[1] % 16;
   size_t pos = 2;
   if (count > size - pos) count = size - pos;
-  std::vector<size_t> sizes;
-  for (size_t i = 0; i < count; ++i) sizes.push_back(static_cast<size_t>(data[pos + i]) + 1);
+  for (size_t i = 0; i < count; ++i) sizes.list.push_back(static_cast<size_t>(data[pos + i]) + 1);
   pos += count;
-
   const uint8_t* stream = data + pos;
   const size_t len = size - pos;
-  const Outcome split = feed(state, stream, len, sizes, stall);
-  if (sizes.empty() && !stall) return 0;
-  const Outcome whole = feed(state, stream, len, {}, false);
-  if (stall) {
-    check(whole.delivered.compare(0, split.delivered.size(), split.delivered) == 0,
-          "a stalled reader got other bytes than a prompt one");
-    check(split.failed_early || split == whole, "bytes were lost while the connection stayed up");
-  } else {
-    check(split == whole, "the outcome depends on how the stream was split");
+
+  const Received split = receive(state, stream, len, sizes, slow_device);
+  if (!sizes.list.empty() || slow_device) {
+    check(split == receive(state, stream, len, Sizes{}, false), "the outcome depends on pieces or a slow reader");
   }
+  send(stream, len, sizes, slow_peer);
   return 0;
 }

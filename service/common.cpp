@@ -7,6 +7,7 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -245,9 +246,10 @@ int create_device_file(const std::string& link) {
 
 namespace {
 
-epoll_event channel_event(int fd) {
+epoll_event channel_event(int fd, bool writable = true) {
   epoll_event ev{};
-  ev.events = EPOLLIN | EPOLLOUT | EPOLLERR | EPOLLHUP | EPOLLET;
+  ev.events = EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLET;
+  if (writable) ev.events |= EPOLLOUT;
   ev.data.fd = fd;
   return ev;
 }
@@ -267,6 +269,15 @@ int epoll_del(int32_t epfd, int32_t fd) {
   epoll_event ev = channel_event(fd);
   if (epoll_ctl(epfd, EPOLL_CTL_DEL, fd, &ev) < 0) {
     TC_LOG(2, "epoll_ctl EPOLL_CTL_DEL fd: %d, error: %s", fd, strerror(errno));
+    return -1;
+  }
+  return 0;
+}
+
+int epoll_mod(int32_t epfd, int32_t fd, bool writable) {
+  epoll_event ev = channel_event(fd, writable);
+  if (epoll_ctl(epfd, EPOLL_CTL_MOD, fd, &ev) < 0) {
+    TC_LOG(2, "epoll_ctl EPOLL_CTL_MOD fd: %d, error: %s", fd, strerror(errno));
     return -1;
   }
   return 0;
@@ -308,6 +319,37 @@ int recv_file(int32_t fd, void* buf, int32_t len) {
   if (errno == EAGAIN) return -1;
   TC_LOG(3, "read file fd: %d, error: %s", fd, strerror(errno));
   return 0;
+}
+
+int recv_file(int32_t fd, const iovec* iov, int32_t count) {
+  const ssize_t n = ::readv(fd, iov, count);
+  if (n >= 0) return static_cast<int>(n);
+  if (errno == EAGAIN) return -1;
+  TC_LOG(3, "read file fd: %d, error: %s", fd, strerror(errno));
+  return 0;
+}
+
+int send_tcp_some(int32_t fd, const void* buf, int32_t len) {
+  for (;;) {
+    // MSG_NOSIGNAL: a peer gone is an error result here, whatever the process does with SIGPIPE.
+    const ssize_t n = ::send(fd, buf, static_cast<size_t>(len), MSG_NOSIGNAL);
+    if (n >= 0) return static_cast<int>(n);
+    if (errno == EAGAIN) return 0;
+    if (errno == EINTR) continue;
+    TC_LOG(3, "send tcp fd: %d, error: %s", fd, strerror(errno));
+    return -1;
+  }
+}
+
+int send_file_some(int32_t fd, const iovec* iov, int32_t count) {
+  for (;;) {
+    const ssize_t n = ::writev(fd, iov, count);
+    if (n >= 0) return static_cast<int>(n);
+    if (errno == EAGAIN) return 0;
+    if (errno == EINTR) continue;
+    TC_LOG(3, "write file fd: %d, error: %s", fd, strerror(errno));
+    return -1;
+  }
 }
 
 void bytes_to_hex(const std::string& in, std::string& out) {

@@ -7,6 +7,8 @@
 // return conventions differ from function to function and callers rely on
 // them exactly.  Descriptors passed in are never closed here.
 
+#include <sys/uio.h>
+
 #include <cstdint>
 #include <string>
 
@@ -42,6 +44,9 @@ int create_device_file(const std::string& link);
 // Edge-triggered registration for in, out, error and hang-up.  0, or -1.
 int epoll_add(int32_t epfd, int32_t fd);
 int epoll_del(int32_t epfd, int32_t fd);
+// Changes a registration made by epoll_add to report the writable edge or
+// not.  Re-arming reports room that is there already.  0, or -1.
+int epoll_mod(int32_t epfd, int32_t fd, bool writable);
 
 // One write of all of `data`: 1 when every byte went out, else 0 (also for an empty string).
 int send_file(int32_t fd, const std::string& data);
@@ -53,6 +58,15 @@ int recv_file(int32_t fd, std::string& out);
 int send_file(int32_t fd, const void* buf, int32_t len);
 // One read: bytes read (0 or more); 0 also for an error; -1 when nothing is left to read.
 int recv_file(int32_t fd, void* buf, int32_t len);
+// One readv into `count` pieces, with the conventions of the buffer form.
+int recv_file(int32_t fd, const iovec* iov, int32_t count);
+
+// For descriptors under flow control, where a full buffer is no error: bytes
+// taken (0 when the descriptor takes nothing for now), or -1 on an error,
+// logged as by send_tcp and send_file.  An interrupted call is repeated, so
+// that 0 always means "wait for the writable edge".
+int send_tcp_some(int32_t fd, const void* buf, int32_t len);
+int send_file_some(int32_t fd, const iovec* iov, int32_t count);
 
 // Appends two lower-case hex digits per byte of `in` to `out`.
 void bytes_to_hex(const std::string& in, std::string& out);

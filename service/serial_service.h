@@ -1,8 +1,10 @@
 #pragma once
 // CSerialService: the serial bridge.  For every configured device it keeps a
 // local device file and one TCP connection to port 5656 of the remote
-// gateway, relays bytes both ways in frames, and repairs broken connections
-// in connect sweeps.  One thread, one edge-triggered epoll set.
+// gateway (a CSerialLink), relays bytes both ways in frames, and repairs
+// broken connections in connect sweeps.  One thread, one edge-triggered epoll
+// set; the thread sleeps until a descriptor is ready or the next sweep or
+// keep-alive check is due, and a configuration change or stop wakes it.
 
 #include <atomic>
 #include <cstdint>
@@ -14,8 +16,8 @@
 #include "common/platform/src/thread/Thread.h"
 #include "component/config_agent.h"
 #include "component/dbus_channel.h"
-#include "service/serial_device.h"
 #include "service/serial_device_config.h"
+#include "service/serial_link.h"
 
 namespace Zentrova {
 namespace Iot {
@@ -23,7 +25,7 @@ namespace TransparentChannel {
 
 class CSerialService : public Platform::CThread {
  public:
-  using Clock = uint64_t (*)();
+  using Clock = CSerialLink::Clock;
 
   // Registers "serial_port_connect_status" with the channel; no I/O.
   CSerialService(Component::CDBusChannel* dbus_channel, Component::CConfigAgent* config_agent);
@@ -50,30 +52,32 @@ class CSerialService : public Platform::CThread {
   // Time source of every interval; tickMs unless a test sets another before
   // the thread starts.
   void set_clock(Clock clock) { m_clock = clock; }
-
-  // The receive step of one connection, on its own so that it can be driven
-  // without the loop: reads everything `device`'s socket holds into its
-  // receive buffer (allocated when missing) and handles every whole frame
-  // there, data to the device file, keep-alive and response times from
-  // `clock`.  False when the connection must be closed: peer gone, read
-  // error, malformed, unexpected or refused frame, short device write.
-  static bool deal_message(SerialDevice* device, Clock clock);
+  // Makes the loop look at its clock at once (a test that moved it).
+  void wake();
 
  protected:
   void threadProc() override;
 
  private:
-  using DeviceList = std::list<SerialDevice*>;
+  using DeviceList = std::list<CSerialLink*>;
 
   void reload_devices(int epfd, DeviceList& devices);
   void do_connect(int epfd, DeviceList& devices);
   void deal_connect(int epfd, DeviceList& devices, int fd);
   void deal_message(int epfd, DeviceList& devices, int fd);
-  bool deal_device_message(SerialDevice* device);
+  void deal_device_message(int epfd, DeviceList& devices, CSerialLink* device);
   void deal_error(int epfd, DeviceList& devices, int fd);
   void check_keepalive(int epfd, DeviceList& devices, uint64_t now);
+  // A socket or device file has room again (or a connection completed).
+  void deal_writable(int epfd, DeviceList& devices, int fd);
+  // A program opened or closed a device file, or one that opened it has had
+  // its moment to set up: held bytes may go to it now.
+  void deal_reader(int epfd, DeviceList& devices);
+  // Milliseconds from `now` until the next sweep, keep-alive check or reader
+  // set-up is due.
+  int wait_ms(const DeviceList& devices, uint64_t now, uint64_t last_connect, uint64_t last_keepalive_check) const;
 
-  // Closes every descriptor of every live device and of the epoll set, removes
+  // Closes every descriptor of every live device and of the loop, removes
   // the links and frees the records.
   void release_devices();
 
@@ -89,6 +93,10 @@ class CSerialService : public Platform::CThread {
   // Held while the service thread edits `devices` and while the status method walks it.
   Platform::CMutex m_devices_lock;
   int m_epoll_fd = -1;
+  // Opens of the device files (inotify), for the loop.
+  int m_open_watch_fd = -1;
+  // Written to wake the loop (eventfd); lives as long as the service.
+  int m_wake_fd = -1;
   Clock m_clock;
 };
 

@@ -6,9 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <chrono>
 #include <cstdio>
+#include <memory>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/e2e/gateway.h"
@@ -85,38 +88,70 @@ TEST(Serial, StatusIsGreenWhenConnectedAndYellowWhenRefusedOrUnreachable) {
   e2e::expect_bounded_stop(gw);
 }
 
-TEST(Serial, RandomBytesCrossTheBridgeBothWays) {
+// The whole path under flow control: the port streams at 921600 baud while
+// the program on the gateway is not there yet or stops reading for seconds,
+// and the device file is written while the far end stops reading.  A full
+// buffer holds the writer back; every byte arrives in order, the link stays
+// up, nothing is logged as a write error.
+TEST(Serial, ReadersThatFallBehindHoldTheStreamBackWithoutLoss) {
   Gateway gw;
   e2e::RemotePort port;
   ASSERT_TRUE(port.opened());
   const std::string local = gw.path("ttyV1");
-  ASSERT_TRUE(gw.start_all({{"gw_tc_serial_devices",
-                             e2e::json_array({e2e::serial_device(local, "127.0.0.2", port.path())})}}))
-      << gw.error();
+  std::string item = e2e::serial_device(local, "127.0.0.2", port.path());
+  item.replace(item.find("115200"), 6, "921600");
+  ASSERT_TRUE(gw.start_all({{"gw_tc_serial_devices", e2e::json_array({item})}})) << gw.error();
+  const std::string up = connected(local, "127.0.0.2", port.path());
   std::string last;
-  ASSERT_TRUE(gw.wait_status(connected(local, "127.0.0.2", port.path()), kWaitMs, &last)) << last;
+  ASSERT_TRUE(gw.wait_status(up, kWaitMs, &last)) << last;
 
-  // 4 KB steps, each awaited before the next: the bridge writes a frame into
-  // the device file once and drops the link when it does not fit, so a reader
-  // that falls behind (on a busy machine) would lose the rest.
-  DeviceFile device(local);
-  constexpr size_t kSize = 24 * 1024;
-  constexpr size_t kStep = 4 * 1024;
-  const std::string out = random_bytes(kSize, 1);
-  const std::string back = random_bytes(kSize, 2);
-  std::string arrived, returned;
-  for (size_t at = 0; at < kSize; at += kStep) {
-    ASSERT_TRUE(device.write(out.substr(at, kStep)));
-    arrived += port.read(kStep, kWaitMs);
-    ASSERT_EQ(arrived.size(), at + kStep) << "to the remote port\n" << gw.service().output();
+  constexpr size_t kSize = 256 * 1024, kChunk = 4096;
+  constexpr double kRate = 92160;  // bytes per second at 921600 baud, 8N1
+  const struct {
+    const char* name;
+    bool to_device;  // the port streams towards the device file
+    int open_after_ms;
+    size_t pause_at;
+    int pause_ms;
+  } cases[] = {
+      // First: the device file has never been opened, its terminal is still cooked.
+      {"the program on the gateway starts late", true, 2000, 0, 0},
+      {"the program on the gateway pauses", true, 0, 64 * 1024, 3000},
+      {"the far end pauses", false, 0, 64 * 1024, 3000},
+  };
+  unsigned seed = 10;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string sent = random_bytes(kSize, ++seed);
+    std::unique_ptr<DeviceFile> device;
+    if (c.open_after_ms == 0) device = std::make_unique<DeviceFile>(local);
+    bool written = false;
+    std::thread writer([&] {
+      const auto start = std::chrono::steady_clock::now();
+      for (size_t at = 0; at < kSize; at += kChunk) {
+        std::this_thread::sleep_until(start + std::chrono::microseconds(static_cast<int64_t>(at / kRate * 1e6)));
+        if (!(c.to_device ? port.write(sent.substr(at, kChunk)) : device->write(sent.substr(at, kChunk)))) return;
+      }
+      written = true;
+    });
+    if (!device) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(c.open_after_ms));
+      device = std::make_unique<DeviceFile>(local);
+    }
+    auto read = [&](size_t n, int ms) { return c.to_device ? device->read(n, ms) : port.read(n, ms); };
+    std::string got = read(c.pause_at, kWaitMs);
+    std::this_thread::sleep_for(std::chrono::milliseconds(c.pause_ms));
+    got += read(kSize - got.size(), 3 * kWaitMs);
+    writer.join();
+    EXPECT_TRUE(written);
+    ASSERT_EQ(got.size(), kSize) << gw.service().output();
+    EXPECT_TRUE(got == sent) << "bytes differ";
   }
-  EXPECT_TRUE(arrived == out) << "the bytes differ on the way to the remote port";
-  for (size_t at = 0; at < kSize; at += kStep) {
-    ASSERT_TRUE(port.write(back.substr(at, kStep)));
-    returned += device.read(kStep, kWaitMs);
-    ASSERT_EQ(returned.size(), at + kStep) << "back from the remote port\n" << gw.service().output();
+  for (const char* line : {"deal error", "send_file error", "send_tcp error", "keepalive timeout"}) {
+    EXPECT_EQ(gw.service().count_lines(line), 0u) << line << "\n" << gw.service().output();
   }
-  EXPECT_TRUE(returned == back) << "the bytes differ on the way back";
+  EXPECT_EQ(gw.service().count_lines("do connect, " + local), 1u);
+  EXPECT_EQ(gw.status().value_or("(no answer)"), up);
   e2e::expect_bounded_stop(gw);
 }
 

@@ -10,7 +10,9 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <functional>
 #include <string>
+#include <thread>
 
 #include "common/platform/src/thread/Thread.h"
 #include "component/config_agent.h"
@@ -94,7 +96,10 @@ class SerialLoop : public testing::Test {
     return false;
   }
   // The next connect sweep, and the keep-alive check with it.
-  void advance(uint64_t ms) { g_offset += ms; }
+  void advance(uint64_t ms) {
+    g_offset += ms;
+    service.wake();
+  }
   bool is_link(int n) const {
     struct stat st {};
     return lstat(path(n).c_str(), &st) == 0 && S_ISLNK(st.st_mode);
@@ -187,6 +192,8 @@ TEST_F(SerialLoop, MalformedFramesCloseOnlyThatConnection) {
     EXPECT_TRUE(wait_status(line(1, false)));
     EXPECT_TRUE(is_link(1));
     EXPECT_TRUE(tc_test::write_fd(tty, "typed while down"));
+    // The terminal hands the bytes on a moment later; they must meet the link down.
+    usleep(200000);
     log.clear();
     advance(61000);
   }
@@ -297,6 +304,54 @@ TEST_F(SerialLoop, MissingKeepalivesDropTheLinkAfterThirtySeconds) {
   EXPECT_TRUE(wait_status(line(1, false)));
   advance(61000);
   EXPECT_TRUE(peer.establish());
+}
+
+// Flow control and the keep-alive clock: a peer the service holds back (its
+// device file is not read) is not silent, however long; a peer that takes
+// nothing for 30 s while bytes wait for it is gone, keep-alives or not.
+TEST_F(SerialLoop, HoldingThePeerBackIsNotSilenceButTakingNothingIs) {
+  TestPeer peer("127.0.0.1");
+  begin("[" + item(1) + "]");
+  std::unique_ptr<PeerLink> link = peer.establish();
+  ASSERT_TRUE(link);
+  ASSERT_TRUE(wait_status(line(1, true)));
+  const int tty = tc_test::open_raw(path(1));
+  ASSERT_GE(tty, 0);
+  std::string bytes(16 << 20, '\0');
+  for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i * 7 + i / 1468);
+  // Runs `write` over `bytes` in pieces; returns once it stopped making progress.
+  std::atomic<size_t> done{0};
+  auto start = [&](const std::function<bool(const std::string&)>& write) {
+    done = 0;
+    std::thread writer([&, write] {
+      for (size_t at = 0; at < bytes.size() && write(bytes.substr(at, 1468)); at += 1468) done += 1468;
+    });
+    for (size_t seen = SIZE_MAX; seen != done.load();) {
+      seen = done.load();
+      usleep(300000);
+    }
+    EXPECT_LT(done.load(), bytes.size()) << "nothing held the writer back";
+    return writer;
+  };
+
+  std::thread peer_writer = start([&](const std::string& piece) { return link->send_frame(0, piece); });
+  advance(40000);
+  EXPECT_FALSE(link->wait_closed(1000));
+  EXPECT_TRUE(tc_test::read_fd(tty, bytes.size()) == bytes) << "bytes differ";
+  peer_writer.join();
+
+  std::thread device_writer = start([&](const std::string& piece) { return tc_test::write_fd(tty, piece); });
+  advance(20000);
+  EXPECT_TRUE(link->send_frame(1, ""));
+  EXPECT_TRUE(log.wait_for("deal keepalive message, [127.0.0.1:ttyS1] --> [" + path(1) + "]", 5000));
+  EXPECT_EQ(log.count_prefix("check keepalive, keepalive timeout"), 0u);
+  advance(11000);
+  EXPECT_TRUE(log.wait_for("check keepalive, keepalive timeout [127.0.0.1:ttyS1] --> [" + path(1) + "]", 5000));
+  EXPECT_TRUE(link->wait_closed());
+  device_writer.join();  // the rest is read and dropped with the link
+  EXPECT_EQ(log.count_prefix("deal message, send_file error") + log.count_prefix("deal device message, send_tcp error"),
+            0u);
+  close(tty);
 }
 
 }  // namespace

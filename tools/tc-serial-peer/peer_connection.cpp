@@ -110,9 +110,24 @@ bool CPeerConnection::deal_frame(const FrameHeader& header) {
   const size_t payload = header.len - kFrameHeaderSize;
   const ssize_t n = write_some(m_serial_fd, m_recv + kFrameHeaderSize, payload, false);
   if (n < 0) return false;
-  memcpy(m_to_serial, m_recv + kFrameHeaderSize + n, payload - static_cast<size_t>(n));
   m_to_serial_len = payload - static_cast<size_t>(n);
+  if (m_to_serial_len == 0) return true;
+  memcpy(m_to_serial, m_recv + kFrameHeaderSize + n, m_to_serial_len);
+  watch_serial(true);
   return true;
+}
+
+// The port's writable edges matter only while bytes wait for it; otherwise
+// every read at its far end would wake the loop for nothing.
+void CPeerConnection::watch_serial(bool room) {
+  epoll_event ev{};
+  ev.events = EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLET;
+  if (room) ev.events |= EPOLLOUT;
+  ev.data.fd = m_serial_fd;
+  if (epoll_ctl(m_epfd, m_watched ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, m_serial_fd, &ev) < 0) {
+    TC_LOG(2, "watch_serial, fd %d: %s", m_serial_fd, strerror(errno));
+  }
+  m_watched = true;
 }
 
 bool CPeerConnection::deal_request(const FrameHeader& header) {
@@ -135,7 +150,7 @@ bool CPeerConnection::deal_request(const FrameHeader& header) {
   struct stat st {};
   if (fstat(fd, &st) == 0) m_port_id = st.st_rdev;
   m_serial_fd = fd;
-  epoll_add(m_epfd, m_serial_fd);
+  watch_serial(false);
   char settings[64];
   snprintf(settings, sizeof settings, "%u %u%c%u%s", request.baud_rate, request.data_bit, request.parity,
            request.stop_bit, request.flow_control ? " rtscts" : "");
@@ -191,7 +206,9 @@ bool CPeerConnection::flush_serial() {
   const ssize_t n = write_some(m_serial_fd, m_to_serial, m_to_serial_len, false);
   if (n < 0) return false;
   take(m_to_serial, m_to_serial_len, static_cast<size_t>(n));
-  return m_to_serial_len > 0 || pump_socket();
+  if (m_to_serial_len > 0) return true;
+  watch_serial(false);
+  return pump_socket();
 }
 
 }  // namespace Tools

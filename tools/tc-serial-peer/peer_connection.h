@@ -53,11 +53,13 @@ class CPeerConnection {
   bool queue(const uint8_t* data, size_t len);
   bool flush_socket();
   bool flush_serial();
+  void watch_serial(bool room);
 
   int m_epfd;
   int m_socket_fd;
   const CPortPolicy* m_policy;
   int m_serial_fd = -1;
+  bool m_watched = false;  // the port is in the epoll set
   dev_t m_port_id = 0;
   std::string m_port_path;
 

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -28,6 +29,7 @@ constexpr int kMaxEvents = 64;
 constexpr int kWaitMs = 200;
 constexpr int kBacklog = 64;
 constexpr uint64_t kFaultPeriodMs = 1000;
+constexpr int kWindow = 32768;
 
 }  // namespace
 
@@ -51,6 +53,12 @@ bool CSerialPeer::open() {
   }
   const int one = 1;
   setsockopt(m_listen_fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  // A slow port holds the client back after a bounded window, not after
+  // megabytes of TCP.  The window is clamped, not the buffer (a buffer fixed
+  // with SO_RCVBUF drops what its window let in once the kernel's bookkeeping
+  // outgrows it, and the retransmissions stall both ways), and on the
+  // listening socket, so that clients are offered it from their first segment.
+  setsockopt(m_listen_fd, IPPROTO_TCP, TCP_WINDOW_CLAMP, &kWindow, sizeof kWindow);
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_port = htons(m_options.port);
@@ -110,6 +118,10 @@ void CSerialPeer::accept_clients() {
     const int fd = accept_tcp(m_listen_fd);
     if (fd < 0) return;
     fcntl(fd, F_SETFD, FD_CLOEXEC);
+    // A small answer from the port goes out at once, not after the
+    // acknowledgement of the previous one (up to the client's delayed ack).
+    const int nodelay = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &nodelay, sizeof nodelay);
     if (epoll_add(m_epfd, fd) < 0) {
       close(fd);
       continue;
