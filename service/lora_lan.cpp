@@ -14,6 +14,7 @@
 #include "common/log/log.h"
 #include "common/platform/src/lock/MutexGuard.h"
 #include "service/common.h"
+#include "service/device_paths.h"
 
 // The loop's steps live in helpers, but their lines belong to threadProc.
 #define TC_LOOP_LOG(level, ...) \
@@ -342,6 +343,7 @@ void CLoraLan::reconcile_devices(int epfd, OpenDevices& open) {
     epoll_del(epfd, it->first);
     close(it->first);
     unlink(device.dev_file.c_str());
+    CDevicePaths::shared().release(device.dev_file);
     it = open.erase(it);
   }
 
@@ -353,9 +355,15 @@ void CLoraLan::reconcile_devices(int epfd, OpenDevices& open) {
       present = present || (entry.second->dev_file == item.dev_file && entry.second->dev_eui == item.dev_eui);
     }
     if (present) continue;
+    // Another live device (of either bridge) keeps its device file.
+    if (!CDevicePaths::shared().claim(item.dev_file)) {
+      TC_LOOP_LOG(2, "threadProc, device file %s is in use, skip", item.dev_file.c_str());
+      continue;
+    }
     const int fd = create_device_file(item.dev_file);
     if (fd < 0) {
       TC_LOOP_LOG(2, "threadProc, create_device_file fail dev_file:%s", item.dev_file.c_str());
+      CDevicePaths::shared().release(item.dev_file);
       continue;
     }
     open[fd] = std::make_unique<LoraLanDevice>(item);
@@ -443,6 +451,7 @@ void CLoraLan::close_devices(int epfd, OpenDevices& open) {
   for (const auto& entry : open) {
     epoll_del(epfd, entry.first);
     close(entry.first);
+    CDevicePaths::shared().release(entry.second->dev_file);
   }
   open.clear();
 }

@@ -18,6 +18,7 @@
 #include "common/log/log.h"
 #include "common/platform/src/lock/MutexGuard.h"
 #include "service/common.h"
+#include "service/device_paths.h"
 
 namespace Zentrova {
 namespace Iot {
@@ -77,6 +78,7 @@ void close_device(int epfd, CSerialLink* device) {
     close(device->socket_fd());
   }
   unlink(device->config().local_device.c_str());
+  CDevicePaths::shared().release(device->config().local_device);
   delete device;
 }
 
@@ -293,20 +295,28 @@ void CSerialService::reload_devices(int epfd, DeviceList& devices) {
 
   for (const SerialDeviceConfig* record : configured) {
     if (live(devices, *record)) continue;
+    // Another live device (of either bridge) keeps its device file.
+    if (!CDevicePaths::shared().claim(record->local_device)) {
+      TC_LOG(2, "add device, device file %s is in use, skip", record->local_device.c_str());
+      continue;
+    }
     const int device_fd = create_device_file(record->local_device);
     if (device_fd < 0) {
       TC_LOG(2, "add device, create_device_file fail dev_file:%s", record->local_device.c_str());
+      CDevicePaths::shared().release(record->local_device);
       continue;
     }
     if (epoll_add(epfd, device_fd) < 0) {
       TC_LOG(2, "add device, epoll add [%d] [%d] fail", epfd, device_fd);
       close(device_fd);
+      CDevicePaths::shared().release(record->local_device);
       continue;
     }
     CSerialLink* device = new (std::nothrow) CSerialLink(*record, device_fd, epfd, m_clock);
     if (!device) {
       epoll_del(epfd, device_fd);
       close(device_fd);
+      CDevicePaths::shared().release(record->local_device);
       continue;
     }
     // Untracked, the device file counts as read by someone.
