@@ -14,7 +14,7 @@ build="$root/build"
 pidfile="$build/demo.pid"
 demo=/tmp/tc-demo
 bus_dir=/tmp/var/run/mbusd
-tools_path="$build/service:$build/tools/tc-config:$build/tools/tc-serial-peer:$build/tools/tc-lora-sim"
+tools_path="$build/service:$build/tools/tc-config:$build/tools/tc-serial-peer:$build/tools/tc-lora-sim:$build/tools/tc-status"
 
 demo_shell() {
   [ -s "$pidfile" ] && kill -0 "$(cat "$pidfile")" 2>/dev/null || {
@@ -101,6 +101,7 @@ run_demo() {
    tc-lora-sim uplink 00aa11bb22cc33dd 48656c6c6f0a 5
    tc-config list                        # the configuration; change a key with:
    tc-config set gw_tc_loralan_down_packet_interval 250
+   tc-status                             # every link's counters (--watch 2 to follow)
    dbus-send --bus=unix:path=$bus_dir/mbusd_socket --print-reply \\
      --dest=iot.gateway.transparentchannel /iot/gateway/transparentchannel \\
      iot.gateway.transparentchannel.serial_port_connect_status
@@ -123,7 +124,7 @@ fi
 
 "$root/packaging/install-deps.sh"
 cmake -S "$root" -B "$build" >/dev/null
-cmake --build "$build" -j "$(nproc)" --target transparent-channel tc-config tc-serial-peer tc-lora-sim
+cmake --build "$build" -j "$(nproc)" --target transparent-channel tc-config tc-serial-peer tc-lora-sim tc-status
 
 if [ "$(id -u)" -eq 0 ] && unshare --net --mount --propagation private true 2>/dev/null; then
   TC_DEMO_NAMESPACE=1 exec unshare --net --mount --propagation private "$0" --inside

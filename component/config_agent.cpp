@@ -18,7 +18,7 @@ const char* const kManagerInterface = "iot.dmp.configmanager";
 }  // namespace
 
 CConfigAgent::CConfigAgent(CDBusChannel* channel, const std::string& name) : m_channel(channel), m_name(name) {
-  m_channel->register_method("notify_config", CDBusMethodHandler(this, &CConfigAgent::notify_config));
+  m_channel->register_method("notify_config", CDBusMethodHandler(this, &CConfigAgent::notify_config), "ss", "i");
 }
 
 CConfigAgent::~CConfigAgent() { m_channel->register_method("notify_config", CDBusMethodHandler()); }

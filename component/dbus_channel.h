@@ -35,8 +35,10 @@ class CDBusChannel : public DBus::CDBusServer {
   void stop();
 
   void set_error_callback(const CDBusErrorCallback& callback);
-  // Replaces any earlier handler; an empty one withdraws it quietly.
-  void register_method(const std::string& member, const CDBusMethodHandler& handler);
+  // Replaces any earlier handler; an empty one withdraws it quietly.  The
+  // argument and result signatures ("ss", "i") are what Introspect shows.
+  void register_method(const std::string& member, const CDBusMethodHandler& handler, const std::string& in = "",
+                       const std::string& out = "");
   void register_signal(const std::string& member, const CDBusSignalHandler& handler);
 
   void message_method(DBus::CDBusMethodCall& call, DBus::CDBusMethodReturn& reply, bool& sendReply) override;
@@ -49,7 +51,17 @@ class CDBusChannel : public DBus::CDBusServer {
   std::string m_path;
   Platform::CMutex m_lock;
   CDBusErrorCallback m_errorCallback;
-  std::map<std::string, CDBusMethodHandler> m_methods;
+  struct Method {
+    CDBusMethodHandler handler;
+    std::string in;
+    std::string out;
+  };
+  // The standard interfaces every bus object answers (Introspectable,
+  // Peer); false for any other call.
+  bool standard_method(DBus::CDBusMethodCall& call, DBus::CDBusMethodReturn& reply);
+  std::string introspect(const std::string& path);
+
+  std::map<std::string, Method> m_methods;
   std::map<std::string, CDBusSignalHandler> m_signals;
 };
 

@@ -9,7 +9,7 @@ packages=(
   libgtest-dev libbenchmark-dev
   clang libclang-rt-dev
   iproute2 util-linux
-  systemd
+  systemd libglib2.0-bin
 )
 
 missing=()

@@ -14,10 +14,18 @@
 #include "common/log/log.h"
 #include "common/platform/src/lock/MutexGuard.h"
 #include "service/common.h"
+#include "service/device_paths.h"
 
 // The loop's steps live in helpers, but their lines belong to threadProc.
 #define TC_LOOP_LOG(level, ...) \
   log_print((level), nullptr, nullptr, __FILE__, "threadProc", __LINE__, __VA_ARGS__)
+// Logs why an uplink was not delivered and keeps the text, the literal
+// itself, as the device's last refusal.
+#define TC_LOOP_REFUSAL(slot, level, format, ...) \
+  do {                                            \
+    TC_LOOP_LOG((level), format, __VA_ARGS__);    \
+    (slot) = (format);                            \
+  } while (0)
 
 namespace Zentrova {
 namespace Iot {
@@ -33,6 +41,8 @@ const char* const kIntervalKey = "gw_tc_loralan_down_packet_interval";
 constexpr uint32_t kConfigTimeoutMs = 3000;
 constexpr int32_t kDefaultInterval = 3500;
 constexpr int kMaxEvents = 1024;
+// A busy loop answers within a pass; a stuck one must not hold the bus thread.
+constexpr uint32_t kStatsWaitMs = 1000;
 
 bool config_read(int32_t result) {
   return result == 0 || result == Component::CConfigAgent::kNoValue;
@@ -268,12 +278,14 @@ int CLoraLan::recv_lora_message(int fd, std::string& data, std::string& dev_eui,
 }
 
 bool CLoraLan::send_lora_message(const std::string& payload, const std::string& dev_eui, int32_t down_fport,
-                                 bool confirmed) {
+                                 bool confirmed, const std::shared_ptr<LoraLanCounters>& counters) {
   if (m_down_packet_queue.size() >= m_down_packet_queue_limit) {
     TC_LOG(2, "send_lora_message, down packet queue too long, size:%d", static_cast<int>(m_down_packet_queue.size()));
+    if (m_down_packet_queue.front().counters) ++m_down_packet_queue.front().counters->downlinks_dropped;
     m_down_packet_queue.pop_front();
   }
-  m_down_packet_queue.push_back(build_lora_lan_downlink(payload, dev_eui, down_fport, confirmed));
+  m_down_packet_queue.push_back(DownPacket{build_lora_lan_downlink(payload, dev_eui, down_fport, confirmed), counters});
+  if (counters) ++counters->downlinks_queued;
   return true;
 }
 
@@ -313,6 +325,7 @@ void CLoraLan::threadProc() {
     const int count = epoll_wait(epfd, events.get(), kMaxEvents, next_wait_ms());
     if (count > 0) handle_events(events.get(), count, open);
     pace_down_packets();
+    if (m_stats_wanted.exchange(false)) publish_stats(open);
   }
 
   close_devices(epfd, open);
@@ -342,6 +355,7 @@ void CLoraLan::reconcile_devices(int epfd, OpenDevices& open) {
     epoll_del(epfd, it->first);
     close(it->first);
     unlink(device.dev_file.c_str());
+    CDevicePaths::shared().release(device.dev_file);
     it = open.erase(it);
   }
 
@@ -353,12 +367,19 @@ void CLoraLan::reconcile_devices(int epfd, OpenDevices& open) {
       present = present || (entry.second->dev_file == item.dev_file && entry.second->dev_eui == item.dev_eui);
     }
     if (present) continue;
+    // Another live device (of either bridge) keeps its device file.
+    if (!CDevicePaths::shared().claim(item.dev_file)) {
+      TC_LOOP_LOG(2, "threadProc, device file %s is in use, skip", item.dev_file.c_str());
+      continue;
+    }
     const int fd = create_device_file(item.dev_file);
     if (fd < 0) {
       TC_LOOP_LOG(2, "threadProc, create_device_file fail dev_file:%s", item.dev_file.c_str());
+      CDevicePaths::shared().release(item.dev_file);
       continue;
     }
     open[fd] = std::make_unique<LoraLanDevice>(item);
+    open[fd]->counters = std::make_shared<LoraLanCounters>();
     epoll_add(epfd, fd);
     TC_LOOP_LOG(1, "threadProc, add device fd:%d, dev_file:%s, dev_eui:%s, up_fport:%d, down_fport:%d, confirmed:%s",
                 fd, item.dev_file.c_str(), item.dev_eui.c_str(), item.up_fport, item.down_fport,
@@ -405,7 +426,7 @@ void CLoraLan::drain_device_file(int fd, const LoraLanDevice& device) {
       TC_LOOP_LOG(2, "threadProc, recv_file error, fd:%d dev_file:%s", fd, device.dev_file.c_str());
       return;
     }
-    if (!send_lora_message(chunk, device.dev_eui, device.down_fport, device.confirmed)) {
+    if (!send_lora_message(chunk, device.dev_eui, device.down_fport, device.confirmed, device.counters)) {
       TC_LOOP_LOG(2, "threadProc, send_lora_message error, fd:%d dev_file:%s dev_eui:%s",
                   static_cast<int>(m_udp_socket), device.dev_file.c_str(), device.dev_eui.c_str());
     }
@@ -414,10 +435,19 @@ void CLoraLan::drain_device_file(int fd, const LoraLanDevice& device) {
 
 void CLoraLan::deliver_uplink(int fd, const LoraLanDevice& device, const Uplink& uplink) {
   if (uplink.dev_eui.empty() || uplink.dev_eui != device.dev_eui) return;
-  if (device.up_fport != -1 && device.up_fport != uplink.fport) return;
-  if (send_file(fd, uplink.data) <= 0) {
-    TC_LOOP_LOG(2, "threadProc, send_file error, fd:%d dev_file:%s", fd, device.dev_file.c_str());
+  LoraLanCounters& counters = *device.counters;
+  if (device.up_fport != -1 && device.up_fport != uplink.fport) {
+    ++counters.uplinks_refused;
+    counters.last_refusal = "uplink FPort is not its upFport";
+    return;
   }
+  if (send_file(fd, uplink.data) <= 0) {
+    ++counters.uplinks_refused;
+    TC_LOOP_REFUSAL(counters.last_refusal, 2, "threadProc, send_file error, fd:%d dev_file:%s", fd,
+                    device.dev_file.c_str());
+    return;
+  }
+  ++counters.uplinks;
 }
 
 void CLoraLan::pace_down_packets() {
@@ -426,7 +456,9 @@ void CLoraLan::pace_down_packets() {
   // Re-read at every check, so a new interval applies to the next datagram.
   const int64_t interval = m_down_packet_interval;
   if (static_cast<int64_t>(m_last_send_time) + interval > static_cast<int64_t>(now)) return;
-  send_lora_message(m_udp_socket, m_down_packet_queue.front());
+  const DownPacket& packet = m_down_packet_queue.front();
+  send_lora_message(m_udp_socket, packet.text);
+  if (packet.counters) ++packet.counters->downlinks_sent;
   m_down_packet_queue.pop_front();
   m_last_send_time = now;
 }
@@ -438,11 +470,57 @@ int CLoraLan::next_wait_ms() const {
   return static_cast<int>(std::min<int64_t>(std::max<int64_t>(wait, 0), INT32_MAX));
 }
 
+Json::Value CLoraLan::statistics() {
+  // A late answer to an earlier request that gave up must not count for this one.
+  while (m_stats_ready.tryWait()) {
+  }
+  if (m_running) {
+    m_stats_wanted = true;
+    m_wakeup.wake();
+    m_stats_ready.wait(kStatsWaitMs);
+  }
+  std::vector<DeviceStats> stats;
+  {
+    CMutexGuard guard(&m_devices_lock);
+    stats = m_stats;
+  }
+  Json::Value list(Json::arrayValue);
+  for (const DeviceStats& s : stats) {
+    Json::Value item(Json::objectValue);
+    item["dev_file"] = s.dev_file;
+    item["dev_eui"] = s.dev_eui;
+    item["uplinks"] = Json::UInt64(s.counters.uplinks);
+    item["uplinks_refused"] = Json::UInt64(s.counters.uplinks_refused);
+    item["last_refusal"] = s.counters.last_refusal ? s.counters.last_refusal : "";
+    item["downlinks_queued"] = Json::UInt64(s.counters.downlinks_queued);
+    item["downlinks_sent"] = Json::UInt64(s.counters.downlinks_sent);
+    item["downlinks_dropped"] = Json::UInt64(s.counters.downlinks_dropped);
+    item["queue_depth"] = Json::UInt64(s.queue_depth);
+    list.append(item);
+  }
+  return list;
+}
+
+void CLoraLan::publish_stats(const OpenDevices& open) {
+  {
+    CMutexGuard guard(&m_devices_lock);
+    m_stats.clear();
+    for (const auto& entry : open) {
+      const LoraLanDevice& device = *entry.second;
+      DeviceStats s{device.dev_file, device.dev_eui, *device.counters, 0};
+      for (const DownPacket& packet : m_down_packet_queue) s.queue_depth += packet.counters == device.counters;
+      m_stats.push_back(s);
+    }
+  }
+  m_stats_ready.post();
+}
+
 void CLoraLan::close_devices(int epfd, OpenDevices& open) {
   // The paths stay on disk; the next run re-creates the links.
   for (const auto& entry : open) {
     epoll_del(epfd, entry.first);
     close(entry.first);
+    CDevicePaths::shared().release(entry.second->dev_file);
   }
   open.clear();
 }

@@ -15,8 +15,11 @@
 #include <string>
 #include <vector>
 
+#include <json/json.h>
+
 #include "common/platform/src/lock/Mutex.h"
 #include "common/platform/src/lock/Wakeup.h"
+#include "common/platform/src/lock/semaphore.h"
 #include "common/platform/src/thread/Thread.h"
 #include "component/config_agent.h"
 #include "service/lora_lan_device.h"
@@ -48,11 +51,25 @@ class CLoraLan : public Platform::CThread {
   // answered with CConfigAgent::kValueRefused and changes nothing.
   void deal_down_packet_interval_change_config(const std::string& key, const std::string& value, int& extra);
 
+  // Every open device's counters and queue depth, as one pass of the loop
+  // saw them: an array of objects.  Waits a moment for the loop.
+  Json::Value statistics();
+
  protected:
   void threadProc() override;
 
  private:
   using OpenDevices = std::map<int, std::unique_ptr<LoraLanDevice>>;
+  struct DownPacket {
+    std::string text;
+    std::shared_ptr<LoraLanCounters> counters;
+  };
+  struct DeviceStats {
+    std::string dev_file;
+    std::string dev_eui;
+    LoraLanCounters counters;
+    uint64_t queue_depth = 0;
+  };
   struct Uplink {
     std::string dev_eui;
     std::string data;
@@ -66,7 +83,7 @@ class CLoraLan : public Platform::CThread {
   // Queues one downlink built from raw payload bytes, dropping the oldest
   // waiting one when the queue is full.  Always true.
   bool send_lora_message(const std::string& payload, const std::string& dev_eui, int32_t down_fport,
-                         bool confirmed);
+                         bool confirmed, const std::shared_ptr<LoraLanCounters>& counters = nullptr);
   // Sends one queued downlink text to the server.
   void send_lora_message(int fd, const std::string& message);
 
@@ -79,6 +96,7 @@ class CLoraLan : public Platform::CThread {
   // Until the next downlink may leave; -1 with none waiting.
   int next_wait_ms() const;
   void close_devices(int epfd, OpenDevices& open);
+  void publish_stats(const OpenDevices& open);
   void end_loop();
   void close_udp_socket();
 
@@ -93,9 +111,14 @@ class CLoraLan : public Platform::CThread {
   std::atomic<int> m_udp_socket{-1};
   std::atomic<int32_t> m_down_packet_interval{3500};
   uint64_t m_last_send_time = 0;
-  std::deque<std::string> m_down_packet_queue;
+  std::deque<DownPacket> m_down_packet_queue;
   size_t m_down_packet_queue_limit = 32;
   char m_recv_buffer[LORA_LAN_MAX_DATAGRAM + 1] = {};
+  // statistics() asks, the loop answers after its pass: the counters are its
+  // own, so the data path takes no lock.
+  std::atomic<bool> m_stats_wanted{false};
+  Platform::CSemaphore m_stats_ready;
+  std::vector<DeviceStats> m_stats;  // under m_devices_lock
 };
 
 }  // namespace TransparentChannel

@@ -8,6 +8,7 @@
 #include "common/json/json_text.h"
 #include "common/log/log.h"
 #include "common/platform/src/lock/MutexGuard.h"
+#include "common/platform/src/thread/Thread.h"
 #include "service/common.h"
 #include "service/lora_node_request.h"
 
@@ -114,11 +115,14 @@ bool CLoraNode::set_rf(const Json::Value& settings) {
   std::string response;
   if (!exchange(request, response)) {
     TC_LOG(1, "set_rf, udp_node_send_and_recv fail");
+    note_result(m_last_rf, "set_rf", -1, false, 0);
     return false;
   }
   TC_LOG(1, "set_rf, response:%s", response.c_str());
   int32_t result = LORA_NODE_NO_RESULT;
-  if (!node_response_result(response, result)) {
+  const bool readable = node_response_result(response, result);
+  note_result(m_last_rf, "set_rf", -1, readable, result);
+  if (!readable) {
     TC_LOG(1, "set_rf, string_to_json fail, str_response:%s", response.c_str());
     m_rf_ready = false;
     return false;
@@ -176,17 +180,50 @@ bool CLoraNode::abp_node_request(const char* method, const Json::Value& nodes) {
   // The request is not logged: it holds session keys.
   const std::string request = build_node_request(method, "loranode", nodes);
   std::string response;
+  const int count = static_cast<int>(nodes.size());
   if (!exchange(request, response)) {
     TC_LOG_AS(name, 1, "%s, udp_node_send_and_recv fail", name);
+    note_result(m_last_abp, method, count, false, 0);
     return false;
   }
-  TC_LOG_AS(name, 1, "%s, count:%d, response:%s", name, static_cast<int>(nodes.size()), response.c_str());
+  TC_LOG_AS(name, 1, "%s, count:%d, response:%s", name, count, response.c_str());
   int32_t result = LORA_NODE_NO_RESULT;
-  if (!node_response_result(response, result)) {
+  const bool readable = node_response_result(response, result);
+  note_result(m_last_abp, method, count, readable, result);
+  if (!readable) {
     TC_LOG_AS(name, 1, "%s, string_to_json fail, str_response:%s", name, response.c_str());
     return false;
   }
   return result == 0;
+}
+
+void CLoraNode::note_result(Json::Value& slot, const char* method, int nodes, bool answered, int32_t result) {
+  Json::Value outcome(Json::objectValue);
+  outcome["request"] = method;
+  if (nodes >= 0) outcome["nodes"] = nodes;
+  outcome["answered"] = answered;
+  outcome["result"] = answered ? Json::Value(result) : Json::Value();
+  outcome["at_ms"] = Json::UInt64(Platform::tickMs());
+  Platform::CMutexGuard guard(&m_results_lock);
+  slot = outcome;
+}
+
+Json::Value CLoraNode::statistics() {
+  Json::Value outcomes(Json::objectValue);
+  {
+    Platform::CMutexGuard guard(&m_results_lock);
+    outcomes["rf"] = m_last_rf;
+    outcomes["abp"] = m_last_abp;
+  }
+  // How long ago, rather than a tick nobody else can read.
+  const uint64_t now = Platform::tickMs();
+  for (const char* key : {"rf", "abp"}) {
+    Json::Value& outcome = outcomes[key];
+    if (outcome.isNull()) continue;
+    outcome["age_ms"] = Json::UInt64(now - outcome["at_ms"].asUInt64());
+    outcome.removeMember("at_ms");
+  }
+  return outcomes;
 }
 
 bool CLoraNode::exchange(const std::string& request, std::string& response) {

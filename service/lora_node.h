@@ -54,11 +54,18 @@ class CLoraNode {
 
   bool rf_ready() const { return m_rf_ready; }
 
+  // The outcome of the last RF and the last ABP request: {"rf":..., "abp":...},
+  // each null before its first request.
+  Json::Value statistics();
+
  private:
   bool abp_node_request(const char* method, const Json::Value& nodes);
   // udp_node_send_and_recv on the current socket, which cannot be closed
   // while the exchange runs.
   bool exchange(const std::string& request, std::string& response);
+  // Keeps the outcome of one request for statistics(); `answered` false
+  // when no answer came, `result` the node service's code otherwise.
+  void note_result(Json::Value& slot, const char* method, int nodes, bool answered, int32_t result);
 
   Component::CConfigAgent* m_agent;
   std::atomic<bool> m_rf_ready{false};
@@ -68,6 +75,10 @@ class CLoraNode {
   // Start and a notification may overlap; each answer must meet its request,
   // and the socket is closed only between exchanges.
   Platform::CMutex m_exchange_lock;
+  // Guards the two outcomes; never held across an exchange.
+  Platform::CMutex m_results_lock;
+  Json::Value m_last_rf;
+  Json::Value m_last_abp;
 };
 
 }  // namespace TransparentChannel

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "common/json/json_text.h"
 #include "common/log/log.h"
 #include "common/platform/src/lock/semaphore.h"
 #include "component/config_agent.h"
@@ -26,6 +27,9 @@ using Zentrova::Iot::Component::CConfigAgent;
 using Zentrova::Iot::Component::CConfigCallback;
 using Zentrova::Iot::Component::CDBusChannel;
 using Zentrova::Iot::Component::CDBusErrorCallback;
+using Zentrova::Iot::Component::CDBusMethodHandler;
+using Zentrova::Iot::DBus::CDBusMethodCall;
+using Zentrova::Iot::DBus::CDBusMethodReturn;
 using Zentrova::Iot::Platform::CSemaphore;
 using Zentrova::Iot::TransparentChannel::CLoraLan;
 using Zentrova::Iot::TransparentChannel::CLoraNode;
@@ -99,6 +103,18 @@ void loralan_config_callback(const std::string& key, const std::string& value, i
   g_lora_node->config_change_callback(key, value, extra);
 }
 
+// "channel_statistics": what every bridge counted, and the node service's
+// last answers, as one compact JSON object.
+void channel_statistics(CDBusMethodCall& /*call*/, CDBusMethodReturn& reply) {
+  Json::Value all(Json::objectValue);
+  all["serial"] = g_serial_service->statistics();
+  all["lora"] = g_lora_lan->statistics();
+  all["node"] = g_lora_node->statistics();
+  std::string text;
+  Zentrova::Iot::Platform::json_to_string(all, text, false);
+  reply.set_string(text);
+}
+
 int start() {
   // g_running is not set here: a signal that came before start must not be forgotten.
   startup_sequence();
@@ -159,6 +175,7 @@ void startup_sequence() {
   g_serial_service = new CSerialService(g_dbus_channel, g_config_agent);
 
   g_dbus_channel->set_error_callback(CDBusErrorCallback(&dbus_error_callback));
+  g_dbus_channel->register_method("channel_statistics", CDBusMethodHandler(&channel_statistics), "", "s");
 
   start_loop("dbus", "start, dbus connect fail, try again", [] { return g_dbus_channel->start() == 1; });
 

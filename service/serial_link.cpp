@@ -23,18 +23,28 @@ constexpr size_t kSendPayload = kLinkSendFrames * kFrameMaxPayload;
 }  // namespace
 
 CSerialLink::CSerialLink(const SerialDeviceConfig& config, int device_fd, int epfd, Clock clock)
-    : m_config(config), m_device_fd(device_fd), m_epfd(epfd), m_clock(clock) {}
+    : m_config(config), m_device_fd(device_fd), m_epfd(epfd), m_clock(clock), m_state_since(clock()) {}
 
 CSerialLink::~CSerialLink() = default;
 
-void CSerialLink::attach(int socket_fd) {
-  m_socket_fd = socket_fd;
-  m_state.store(kSerialIdle);
+void CSerialLink::set_state(int32_t state) {
+  if (m_state.exchange(state) != state) m_state_since = m_clock();
 }
 
-void CSerialLink::detach() {
+void CSerialLink::attach(int socket_fd) {
+  m_socket_fd = socket_fd;
+  ++m_connects;
+  set_state(kSerialIdle);
+}
+
+void CSerialLink::detach(const char* reason) {
+  if (m_state.load() == kSerialEstablished) {
+    ++m_drops;
+    m_last_drop = m_fault ? m_fault : reason;
+  }
+  m_fault = nullptr;
   m_socket_fd = -1;
-  m_state.store(kSerialIdle);
+  set_state(kSerialIdle);
   m_recv_buf.reset();
   m_recv_len = 0;
   m_written = 0;
@@ -59,7 +69,7 @@ void CSerialLink::deal_connect() {
   const SerialDeviceConfig& c = m_config;
   TC_LOG(1, "deal connect, %s %s:%s %d:%d:%d:%s:%d", c.local_device.c_str(), c.ip.c_str(), c.device.c_str(),
          static_cast<int32_t>(c.baud_rate), c.data_bit, c.stop_bit, c.parity.c_str(), c.flow_control);
-  m_state.store(kSerialAwaiting);
+  set_state(kSerialAwaiting);
   m_recv_len = 0;
   ensure_buffer();
 
@@ -87,10 +97,12 @@ bool CSerialLink::deal_message() {
       if (count > 0) {
         const int nwrite = reader_ready() ? send_file_some(m_device_fd, run, count) : 0;
         if (nwrite < 0) {
-          TC_LOG(3, "deal message, send_file error nread: %d, nwrite: %d", static_cast<int>(bytes), nwrite);
+          TC_LINK_FAULT(m_fault, 3, "deal message, send_file error nread: %d, nwrite: %d", static_cast<int>(bytes),
+                        nwrite);
           ok = false;
           break;
         }
+        m_bytes_to_device += static_cast<size_t>(nwrite);
         size_t left = static_cast<size_t>(nwrite);
         for (int i = 0; i < count; ++i) {
           if (left < run[i].iov_len) {
@@ -99,6 +111,7 @@ bool CSerialLink::deal_message() {
           }
           left -= run[i].iov_len;
           m_written = 0;
+          ++m_frames_to_device;
           const int payload = read_frame_header(buf + at).len - static_cast<int>(kFrameHeaderSize);
           TC_LOG(0, "deal network message, [%s:%s] --> [%s], data length: %d", c.ip.c_str(), c.device.c_str(),
                  c.local_device.c_str(), payload);
@@ -121,8 +134,8 @@ bool CSerialLink::deal_message() {
       const FrameCheck check = examine_frame(buf + at, m_recv_len - at, header);
       if (check == FrameCheck::need_more) break;
       if (check == FrameCheck::bad_header) {
-        TC_LOG(3, "deal message, message header error, magic: 0x%x, type: %d, len: %d", header.magic, header.type,
-               header.len);
+        TC_LINK_FAULT(m_fault, 3, "deal message, message header error, magic: 0x%x, type: %d, len: %d", header.magic,
+                      header.type, header.len);
         ok = false;
         break;
       }
@@ -130,6 +143,7 @@ bool CSerialLink::deal_message() {
       switch (classify_frame(header, state == kSerialEstablished, state == kSerialAwaiting)) {
         case FrameRole::keepalive:
           m_last_keepalive_ms = m_clock();
+          m_keepalive_seen = m_last_keepalive_ms;
           TC_LOG(0, "deal keepalive message, [%s:%s] --> [%s]", c.ip.c_str(), c.device.c_str(),
                  c.local_device.c_str());
           break;
@@ -140,13 +154,13 @@ bool CSerialLink::deal_message() {
           m_last_keepalive_ms = m_clock();
           TC_LOG(1, "deal message, response code:%d, message:%s, fd:%d, local_device:%s, remote_device:%s:%s", code,
                  message, m_socket_fd, c.local_device.c_str(), c.ip.c_str(), c.device.c_str());
-          m_state.store(code == 0 ? kSerialEstablished : kSerialRefused);
+          set_state(code == 0 ? kSerialEstablished : kSerialRefused);
           ok = code == 0;
           break;
         }
         default:  // data frames went out in runs above
-          TC_LOG(3, "deal message, message type error, magic: 0x%x, type: %d, len: %d", header.magic, header.type,
-                 header.len);
+          TC_LINK_FAULT(m_fault, 3, "deal message, message type error, magic: 0x%x, type: %d, len: %d", header.magic,
+                        header.type, header.len);
           ok = false;
           break;
       }
@@ -163,7 +177,10 @@ bool CSerialLink::deal_message() {
 
     const int n = recv_tcp(m_socket_fd, buf + m_recv_len, static_cast<int32_t>(kLinkReceiveSize - m_recv_len));
     if (n < 0) return true;  // drained; a partial frame stays for the next edge
-    if (n == 0) return false;
+    if (n == 0) {
+      TC_LINK_FAULT(m_fault, 1, "deal message, connection closed by the peer, fd:%d", m_socket_fd);
+      return false;
+    }
     m_recv_len += static_cast<size_t>(n);
   }
 }
@@ -191,7 +208,8 @@ bool CSerialLink::deal_device_message() {
     const int n =
         send_tcp_some(m_socket_fd, m_to_socket.get() + m_to_socket_off, static_cast<int32_t>(m_to_socket_len));
     if (n < 0) {
-      TC_LOG(3, "deal device message, send_tcp error nread: %d, nwrite: %d", static_cast<int>(m_to_socket_len), n);
+      TC_LINK_FAULT(m_fault, 3, "deal device message, send_tcp error nread: %d, nwrite: %d",
+                    static_cast<int>(m_to_socket_len), n);
       return false;
     }
     if (n > 0) m_taken_ms = m_clock();
@@ -242,12 +260,15 @@ bool CSerialLink::deal_device_message() {
       const size_t payload = held - at < kFrameMaxPayload ? held - at : kFrameMaxPayload;
       write_frame_header(frames + len, kFrameData, static_cast<uint16_t>(payload + kFrameHeaderSize));
       len += payload + kFrameHeaderSize;
+      ++m_frames_to_peer;
       TC_LOG(0, "deal device message, [%s] --> [%s:%s], data length: %d", c.local_device.c_str(), c.ip.c_str(),
              c.device.c_str(), static_cast<int>(payload));
     }
+    m_bytes_to_peer += held;
     const int nwrite = send_frames(frames, len);
     if (nwrite < 0) {
-      TC_LOG(3, "deal device message, send_tcp error nread: %d, nwrite: %d", static_cast<int>(len), nwrite);
+      TC_LINK_FAULT(m_fault, 3, "deal device message, send_tcp error nread: %d, nwrite: %d", static_cast<int>(len),
+                    nwrite);
       return false;
     }
     if (m_to_socket_len > 0 || drained) return true;
@@ -311,6 +332,22 @@ uint64_t CSerialLink::settle_due() const {
 bool CSerialLink::reader_ready() {
   if (m_reader == Reader::settling && m_clock() >= m_settle_until) m_reader = Reader::present;
   return m_reader == Reader::present;
+}
+
+SerialLinkStats CSerialLink::stats(uint64_t now) const {
+  SerialLinkStats s;
+  s.config = m_config;
+  s.state = m_state.load();
+  s.state_ms = now - m_state_since;
+  s.bytes_to_peer = m_bytes_to_peer;
+  s.bytes_to_device = m_bytes_to_device;
+  s.frames_to_peer = m_frames_to_peer;
+  s.frames_to_device = m_frames_to_device;
+  s.connects = m_connects;
+  s.drops = m_drops;
+  s.last_drop = m_last_drop;
+  s.keepalive_ms = m_keepalive_seen == 0 ? -1 : static_cast<int64_t>(now - m_keepalive_seen);
+  return s;
 }
 
 int32_t CSerialLink::silent_ms(uint64_t now) const {

@@ -27,6 +27,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "common/log/log.h"
 #include "service/serial_device_config.h"
 #include "service/serial_frame.h"
 
@@ -51,6 +52,29 @@ constexpr size_t kLinkSendFrames = 11;
 // set its line up before held bytes are written.
 constexpr uint64_t kReaderSettleMs = 50;
 
+// Logs a fault of a link and keeps its text, the literal itself, as the
+// reason of the drop it causes.
+#define TC_LINK_FAULT(slot, level, format, ...) \
+  do {                                          \
+    TC_LOG((level), format, __VA_ARGS__);       \
+    (slot) = (format);                          \
+  } while (0)
+
+// A link's counters as its loop saw them at one moment.
+struct SerialLinkStats {
+  SerialDeviceConfig config;
+  int32_t state = kSerialIdle;
+  uint64_t state_ms = 0;  // in this state for
+  uint64_t bytes_to_peer = 0;
+  uint64_t bytes_to_device = 0;
+  uint64_t frames_to_peer = 0;
+  uint64_t frames_to_device = 0;
+  uint64_t connects = 0;  // connection attempts
+  uint64_t drops = 0;     // established connections lost
+  const char* last_drop = nullptr;  // the log text of the fault behind the last drop
+  int64_t keepalive_ms = -1;        // since the last keep-alive; -1 before the first
+};
+
 class CSerialLink {
  public:
   using Clock = uint64_t (*)();
@@ -72,8 +96,13 @@ class CSerialLink {
   void attach(int socket_fd);
   // The connection is gone and its socket closed by the caller: state -1, and
   // whatever was held either way is dropped.  Device bytes that wait are then
-  // read and discarded, as everything typed while the link is down.
-  void detach();
+  // read and discarded, as everything typed while the link is down.  An
+  // established connection counts as dropped, for the fault noted last or
+  // else for `reason`.
+  void detach(const char* reason = nullptr);
+  // A fault found outside the link (a keep-alive time-out) that will close it.
+  void note_fault(const char* text) { m_fault = text; }
+  SerialLinkStats stats(uint64_t now) const;
 
   // The connection completed: sends the connect request and awaits the
   // response (state 1).
@@ -120,6 +149,7 @@ class CSerialLink {
   int send_frames(const uint8_t* frames, size_t len);
   bool reader_ready();
   void watch_device_room(bool watch);
+  void set_state(int32_t state);
 
   const SerialDeviceConfig m_config;
   const int m_device_fd;
@@ -128,6 +158,18 @@ class CSerialLink {
   int m_socket_fd = -1;
   std::atomic<int32_t> m_state{kSerialIdle};
   uint64_t m_last_keepalive_ms = 0;
+
+  // Counters: written by the loop only, copied out by it (stats()).
+  uint64_t m_state_since = 0;
+  uint64_t m_bytes_to_peer = 0;
+  uint64_t m_bytes_to_device = 0;
+  uint64_t m_frames_to_peer = 0;
+  uint64_t m_frames_to_device = 0;
+  uint64_t m_connects = 0;
+  uint64_t m_drops = 0;
+  uint64_t m_keepalive_seen = 0;  // 0: none yet
+  const char* m_fault = nullptr;
+  const char* m_last_drop = nullptr;
 
   // Peer to device file.  The first held frame may have gone out in part.
   std::unique_ptr<uint8_t[]> m_recv_buf;

@@ -18,6 +18,7 @@
 #include "common/log/log.h"
 #include "common/platform/src/lock/MutexGuard.h"
 #include "service/common.h"
+#include "service/device_paths.h"
 
 namespace Zentrova {
 namespace Iot {
@@ -44,6 +45,21 @@ constexpr int32_t kKeepaliveTimeoutMs = 30000;
 constexpr size_t kStatusLineSize = 1024;
 constexpr int kTickStepMs = 10;
 constexpr int kUnsentLowWater = 65536;
+// A busy loop answers within a pass; a stuck one must not hold the bus thread.
+constexpr uint32_t kStatsWaitMs = 1000;
+
+const char* state_name(int32_t state) {
+  switch (state) {
+    case kSerialEstablished:
+      return "established";
+    case kSerialAwaiting:
+      return "awaiting response";
+    case kSerialRefused:
+      return "refused";
+    default:
+      return "not connected";
+  }
+}
 
 CSerialLink* find_by_socket(std::list<CSerialLink*>& devices, int fd) {
   if (fd < 0) return nullptr;
@@ -77,6 +93,7 @@ void close_device(int epfd, CSerialLink* device) {
     close(device->socket_fd());
   }
   unlink(device->config().local_device.c_str());
+  CDevicePaths::shared().release(device->config().local_device);
   delete device;
 }
 
@@ -98,7 +115,7 @@ CSerialService::CSerialService(Component::CDBusChannel* dbus_channel, Component:
       m_clock(&Platform::tickMs) {
   if (m_wake_fd < 0) TC_LOG(3, "CSerialService, eventfd error: %s", strerror(errno));
   dbus_channel->register_method(kStatusMethod,
-                                CDBusMethodHandler(this, &CSerialService::serial_port_connect_status));
+                                CDBusMethodHandler(this, &CSerialService::serial_port_connect_status), "", "s");
 }
 
 CSerialService::~CSerialService() {
@@ -179,6 +196,50 @@ void CSerialService::serial_port_connect_status(DBus::CDBusMethodCall& /*call*/,
   reply.set_string(status);
 }
 
+Json::Value CSerialService::statistics() {
+  // A late answer to an earlier request that gave up must not count for this one.
+  while (m_stats_ready.tryWait()) {
+  }
+  if (running.load()) {
+    m_stats_wanted.store(true);
+    wake();
+    m_stats_ready.wait(kStatsWaitMs);
+  }
+  std::vector<SerialLinkStats> stats;
+  {
+    CMutexGuard guard(&m_devices_lock);
+    stats = m_stats;
+  }
+  Json::Value list(Json::arrayValue);
+  for (const SerialLinkStats& s : stats) {
+    Json::Value item(Json::objectValue);
+    item["local_device"] = s.config.local_device;
+    item["ip"] = s.config.ip;
+    item["device"] = s.config.device;
+    item["state"] = state_name(s.state);
+    item["state_ms"] = Json::UInt64(s.state_ms);
+    item["bytes_to_peer"] = Json::UInt64(s.bytes_to_peer);
+    item["bytes_to_device"] = Json::UInt64(s.bytes_to_device);
+    item["frames_to_peer"] = Json::UInt64(s.frames_to_peer);
+    item["frames_to_device"] = Json::UInt64(s.frames_to_device);
+    item["connects"] = Json::UInt64(s.connects);
+    item["drops"] = Json::UInt64(s.drops);
+    item["last_drop"] = s.last_drop ? s.last_drop : "";
+    item["keepalive_ms"] = Json::Int64(s.keepalive_ms);
+    list.append(item);
+  }
+  return list;
+}
+
+void CSerialService::publish_stats(const DeviceList& devices, uint64_t now) {
+  {
+    CMutexGuard guard(&m_devices_lock);
+    m_stats.clear();
+    for (const CSerialLink* device : devices) m_stats.push_back(device->stats(now));
+  }
+  m_stats_ready.post();
+}
+
 void CSerialService::release_devices() {
   CMutexGuard guard(&m_devices_lock);
   for (CSerialLink* device : devices) close_device(m_epoll_fd, device);
@@ -256,6 +317,7 @@ void CSerialService::threadProc() {
         break;
       }
     }
+    if (m_stats_wanted.exchange(false)) publish_stats(devices, now);
   }
 }
 
@@ -293,20 +355,28 @@ void CSerialService::reload_devices(int epfd, DeviceList& devices) {
 
   for (const SerialDeviceConfig* record : configured) {
     if (live(devices, *record)) continue;
+    // Another live device (of either bridge) keeps its device file.
+    if (!CDevicePaths::shared().claim(record->local_device)) {
+      TC_LOG(2, "add device, device file %s is in use, skip", record->local_device.c_str());
+      continue;
+    }
     const int device_fd = create_device_file(record->local_device);
     if (device_fd < 0) {
       TC_LOG(2, "add device, create_device_file fail dev_file:%s", record->local_device.c_str());
+      CDevicePaths::shared().release(record->local_device);
       continue;
     }
     if (epoll_add(epfd, device_fd) < 0) {
       TC_LOG(2, "add device, epoll add [%d] [%d] fail", epfd, device_fd);
       close(device_fd);
+      CDevicePaths::shared().release(record->local_device);
       continue;
     }
     CSerialLink* device = new (std::nothrow) CSerialLink(*record, device_fd, epfd, m_clock);
     if (!device) {
       epoll_del(epfd, device_fd);
       close(device_fd);
+      CDevicePaths::shared().release(record->local_device);
       continue;
     }
     // Untracked, the device file counts as read by someone.
@@ -410,11 +480,14 @@ void CSerialService::deal_error(int epfd, DeviceList& devices, int fd) {
   CSerialLink* device = find_by_socket(devices, fd);
   if (!device) return;
   const SerialDeviceConfig& c = device->config();
-  TC_LOG(1, "deal error, %s %s:%s %d:%d:%d:%s:%d", c.local_device.c_str(), c.ip.c_str(), c.device.c_str(),
-         static_cast<int32_t>(c.baud_rate), c.data_bit, c.stop_bit, c.parity.c_str(), c.flow_control);
+  // The reason of a drop whose fault the link did not note itself.
+  const char* reason = nullptr;
+  TC_LINK_FAULT(reason, 1, "deal error, %s %s:%s %d:%d:%d:%s:%d", c.local_device.c_str(), c.ip.c_str(),
+                c.device.c_str(), static_cast<int32_t>(c.baud_rate), c.data_bit, c.stop_bit, c.parity.c_str(),
+                c.flow_control);
   epoll_del(epfd, fd);
   close(fd);
-  device->detach();
+  device->detach(reason);
 }
 
 void CSerialService::check_keepalive(int epfd, DeviceList& devices, uint64_t now) {
@@ -426,8 +499,10 @@ void CSerialService::check_keepalive(int epfd, DeviceList& devices, uint64_t now
     TC_LOG(0, "check keepalive, [%s:%s] --> [%s], interval: %d ms", c.ip.c_str(), c.device.c_str(),
            c.local_device.c_str(), elapsed);
     if (elapsed >= kKeepaliveTimeoutMs) {
-      TC_LOG(2, "check keepalive, keepalive timeout [%s:%s] --> [%s]", c.ip.c_str(), c.device.c_str(),
-             c.local_device.c_str());
+      const char* fault = nullptr;
+      TC_LINK_FAULT(fault, 2, "check keepalive, keepalive timeout [%s:%s] --> [%s]", c.ip.c_str(), c.device.c_str(),
+                    c.local_device.c_str());
+      device->note_fault(fault);
       deal_error(epfd, devices, device->socket_fd());
     }
   }

@@ -10,9 +10,13 @@
 #include <cstdint>
 #include <list>
 #include <string>
+#include <vector>
+
+#include <json/json.h>
 
 #include "common/dbus/src/dbus_message.h"
 #include "common/platform/src/lock/Mutex.h"
+#include "common/platform/src/lock/semaphore.h"
 #include "common/platform/src/thread/Thread.h"
 #include "component/config_agent.h"
 #include "component/dbus_channel.h"
@@ -49,6 +53,10 @@ class CSerialService : public Platform::CThread {
   // "serial_port_connect_status": one coloured line per live device.
   void serial_port_connect_status(DBus::CDBusMethodCall& call, DBus::CDBusMethodReturn& reply);
 
+  // Every live device's counters, as one pass of the loop saw them: an
+  // array of objects.  Waits a moment for the loop; called on the bus thread.
+  Json::Value statistics();
+
   // Time source of every interval; tickMs unless a test sets another before
   // the thread starts.
   void set_clock(Clock clock) { m_clock = clock; }
@@ -77,6 +85,9 @@ class CSerialService : public Platform::CThread {
   // set-up is due.
   int wait_ms(const DeviceList& devices, uint64_t now, uint64_t last_connect, uint64_t last_keepalive_check) const;
 
+  // Copies every device's counters for statistics().
+  void publish_stats(const DeviceList& devices, uint64_t now);
+
   // Closes every descriptor of every live device and of the loop, removes
   // the links and frees the records.
   void release_devices();
@@ -97,6 +108,11 @@ class CSerialService : public Platform::CThread {
   int m_open_watch_fd = -1;
   // Written to wake the loop (eventfd); lives as long as the service.
   int m_wake_fd = -1;
+  // statistics() asks, the loop answers at the end of its pass: the counters
+  // are its own, so the data path takes no lock.
+  std::atomic<bool> m_stats_wanted{false};
+  Platform::CSemaphore m_stats_ready;
+  std::vector<SerialLinkStats> m_stats;  // under m_devices_lock
   Clock m_clock;
 };
 

@@ -206,6 +206,56 @@ TEST(Configuration, SerialListLoraListAndRfSetWithTcConfigApplyWhileRunning) {
   e2e::expect_bounded_stop(gw);
 }
 
+// A device file named by two items (of one list, or of both bridges) stays
+// with the live device that has it: the others are skipped with one line, and
+// removing one of them leaves the file alone.  Freed, it goes to the next.
+TEST(Configuration, ADeviceFileInUseIsNotTakenAgain) {
+  Gateway gw;
+  e2e::RemotePort port;
+  ASSERT_TRUE(port.opened());
+  const std::string shared = gw.path("ttyV1"), own = gw.path("lora1");
+  const std::string serial_item = e2e::serial_device(shared, "127.0.0.2", port.path());
+  const std::string twin = e2e::serial_device(shared, "127.0.0.3", "ttyS1");
+  const std::string lora_own = e2e::lora_device(own, kEui), lora_shared = e2e::lora_device(shared, "70b3d5e75e000002");
+  ASSERT_TRUE(gw.start_all({{"gw_tc_serial_devices", e2e::json_array({serial_item})},
+                            {"gw_tc_loralan_devices", e2e::json_array({lora_own})}}))
+      << gw.error();
+  auto& service = gw.service();
+  const std::string up = connected(shared, "127.0.0.2", port.path());
+  std::string last;
+  ASSERT_TRUE(gw.wait_status(up, kWaitMs, &last)) << last;
+
+  ASSERT_EQ(gw.set_config("gw_tc_loralan_devices", e2e::json_array({lora_own, lora_shared})), 0);
+  EXPECT_TRUE(service.wait_for_line("threadProc, device file " + shared + " is in use, skip", kWaitMs))
+      << service.output();
+  ASSERT_EQ(gw.set_config("gw_tc_serial_devices", e2e::json_array({serial_item, twin})), 0);
+  EXPECT_TRUE(service.wait_for_line("add device, device file " + shared + " is in use, skip", kWaitMs))
+      << service.output();
+  // Both removed again: neither removal may unlink the first one's file.
+  ASSERT_EQ(gw.set_config("gw_tc_loralan_devices", e2e::json_array({lora_own})), 0);
+  ASSERT_EQ(gw.set_config("gw_tc_serial_devices", e2e::json_array({serial_item})), 0);
+  EXPECT_TRUE(service.wait_for_line("callback_config, gw_tc_serial_devices:" + e2e::json_array({serial_item}),
+                                    kWaitMs));
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_EQ(service.count_lines("delete device, " + shared), 0u) << service.output();
+  EXPECT_EQ(service.count_lines("dev_file:" + shared), 0u) << service.output();
+  EXPECT_EQ(gw.status().value_or("(no answer)"), up);
+  ASSERT_TRUE(path_exists(shared));
+  DeviceFile device(shared);
+  ASSERT_TRUE(device.write("ping"));
+  EXPECT_EQ(port.read(4, kWaitMs), "ping");
+  ASSERT_TRUE(port.write("pong"));
+  EXPECT_EQ(device.read(4, kWaitMs), "pong");
+
+  // Released with its device, the path is free for the other bridge.
+  ASSERT_EQ(gw.set_config("gw_tc_serial_devices", "[]"), 0);
+  ASSERT_TRUE(service.wait_for_line("delete device, " + shared, kWaitMs)) << service.output();
+  ASSERT_EQ(gw.set_config("gw_tc_loralan_devices", e2e::json_array({lora_own, lora_shared})), 0);
+  EXPECT_TRUE(service.wait_for_line("dev_file:" + shared + ", dev_eui:70B3D5E75E000002", kWaitMs))
+      << service.output();
+  e2e::expect_bounded_stop(gw);
+}
+
 TEST(Lora, UplinksComeOutOfTheDeviceFileAndWritesGoDown) {
   Gateway gw;
   const std::string file = gw.path("lora1");
