@@ -215,8 +215,8 @@ TEST(Lora, UplinksComeOutOfTheDeviceFileAndWritesGoDown) {
   ASSERT_TRUE(path_exists(file));
   DeviceFile device(file);
 
-  // One-shot, as an operator would send it.
-  tc_test::ChildProcess once({kLoraSim, "uplink", upper(kEui), hex("Hello"), "5"});
+  // One-shot, as an operator would send it: a confirmed uplink (mtype 4).
+  tc_test::ChildProcess once({kLoraSim, "uplink", upper(kEui), hex("Hello"), "5", "4"});
   int status = 0;
   ASSERT_TRUE(once.wait_exit(kWaitMs, &status));
   EXPECT_EQ(tc_test::exit_code(status), 0) << once.output();
