@@ -22,10 +22,6 @@ using tc_test::LogCaptureScope;
 namespace {
 
 const char* const kName = "tc.test.channel";
-const char* const kStarted =
-    "[tc.test.channel] connect to dbus server [unix:path=/tmp/var/run/mbusd/mbusd_socket] successs.";
-const char* const kStopped =
-    "[tc.test.channel] disconnect from dbus server [unix:path=/tmp/var/run/mbusd/mbusd_socket] successs.";
 
 // Handlers bound the way the service binds them: member functions.
 struct Handlers {
@@ -86,31 +82,6 @@ class Channel : public testing::Test {
   std::unique_ptr<CDBusChannel> channel;
   std::unique_ptr<CDBusChannel> client;
 };
-
-TEST_F(Channel, StartAndStopLogOnceAndRepeatHarmlessly) {
-  log.clear();
-  channel->stop();  // never started: nothing
-  EXPECT_TRUE(log.lines().empty()) << log.dump();
-  EXPECT_EQ(channel->start(), 1);
-  EXPECT_EQ(channel->start(), 1);
-  EXPECT_EQ(log.count(kStarted), 1u) << log.dump();
-  EXPECT_EQ(log.count_prefix("connect to bus success"), 1u) << "the second start touched the bus";
-  channel->stop();
-  channel->stop();
-  EXPECT_EQ(log.count(kStopped), 1u) << log.dump();
-  EXPECT_EQ(channel->start(), 1) << "restartable";
-
-  CDBusChannel nowhere("unix:path=/nonexistent/tc-test-socket", "tc.test.nowhere", "/x", {});
-  EXPECT_EQ(nowhere.start(), 0);
-  bool level3 = false;
-  for (const auto& line : log.lines()) {
-    level3 |= line.level == 3 && line.function == "start" &&
-              line.text ==
-                  "dbus agent start, [tc.test.nowhere] connect to dbus server "
-                  "[unix:path=/tmp/var/run/mbusd/mbusd_socket] fail.";
-  }
-  EXPECT_TRUE(level3) << log.dump();
-}
 
 TEST_F(Channel, MethodsAreRoutedByMemberAndUnknownOnesGetAnEmptyReturn) {
   channel->register_method("echo", CDBusMethodHandler(&handlers, &Handlers::echo));

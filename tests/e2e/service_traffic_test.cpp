@@ -174,9 +174,10 @@ TEST(Configuration, SerialListLoraListAndRfSetWithTcConfigApplyWhileRunning) {
   ASSERT_TRUE(path_exists(lora_old));
 
   // Serial list: the old device file goes, the new one comes and connects.
-  ASSERT_EQ(gw.set_config("gw_tc_serial_devices",
-                          e2e::json_array({e2e::serial_device(serial_new, "127.0.0.2", port.path())})),
-            0);
+  const std::string serial_list = e2e::json_array({e2e::serial_device(serial_new, "127.0.0.2", port.path())});
+  ASSERT_EQ(gw.set_config("gw_tc_serial_devices", serial_list), 0);
+  EXPECT_TRUE(service.wait_for_line("callback_config, gw_tc_serial_devices:" + serial_list, kWaitMs))
+      << service.output();
   EXPECT_TRUE(service.wait_for_line("delete device, " + serial_old, kWaitMs)) << service.output();
   EXPECT_TRUE(service.wait_for_line("add device, " + serial_new, kWaitMs)) << service.output();
   EXPECT_TRUE(gw.wait_status(connected(serial_new, "127.0.0.2", port.path()), kWaitMs, &last)) << last;

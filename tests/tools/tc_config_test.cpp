@@ -73,19 +73,6 @@ class TcConfig : public testing::Test {
   std::string store;
 };
 
-TEST(TcConfigUsage, HelpAndUsageErrors) {
-  Result help = run({"--help"});
-  EXPECT_EQ(help.status, 0);
-  EXPECT_NE(help.output.find("tc-config set KEY VALUE"), std::string::npos) << help.output;
-  for (const auto& args : std::vector<std::vector<std::string>>{
-           {}, {"bogus"}, {"set", "k"}, {"list", "extra"}, {"get", "k", "--bus"}, {"get", "k", "--timeout", "soon"},
-           {"get", "k", "--store", "f"}}) {
-    Result r = run(args);
-    EXPECT_EQ(r.status, 2) << testing::PrintToString(args) << r.output;
-    EXPECT_NE(r.output.find("Try 'tc-config --help'."), std::string::npos) << r.output;
-  }
-}
-
 TEST_F(TcConfig, SetGetAndListAsAUserWould) {
   serve();
   EXPECT_EQ(tool({"set", "gw_tc_serial_devices", "[]"}).status, 0);

@@ -80,19 +80,6 @@ std::unique_ptr<PeerLink> open_port(const Bytes& req, int32_t& code, std::string
   return link;
 }
 
-TEST(SerialPeer, HelpAndUsage) {
-  ChildProcess help({kPeer, "--help"});
-  int status = 0;
-  ASSERT_TRUE(help.wait_exit(5000, &status));
-  EXPECT_EQ(tc_test::exit_code(status), 0);
-  const std::vector<std::string> usage_errors[] = {{kPeer, "--port", "0"}, {kPeer, "--allow", "dev/tty*"}};
-  for (const auto& args : usage_errors) {
-    ChildProcess bad(args);
-    ASSERT_TRUE(bad.wait_exit(5000, &status));
-    EXPECT_EQ(tc_test::exit_code(status), 2) << args[2];
-  }
-}
-
 TEST(SerialPeer, OpensThePortAsAskedAndSendsKeepalives) {
   auto peer = run_peer({"--bind", "127.0.0.1", "--keepalive", "1"});
   RemotePort port;

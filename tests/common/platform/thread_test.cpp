@@ -7,7 +7,6 @@
 #include <stdexcept>
 #include <thread>
 
-#include "common/platform/src/thread/InternalThread.h"
 #include "common/platform/src/thread/Thread.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/wait.h"
@@ -57,22 +56,6 @@ class Looper : public CThread {
  private:
   bool m_obey;
 };
-
-TEST(InternalThread, PriorityAndStackRules) {
-  EXPECT_EQ(InternalThread::mapPriority(128, 1, 99), 99u);
-  EXPECT_EQ(InternalThread::mapPriority(1, 1, 99), 1u);
-  EXPECT_EQ(InternalThread::mapPriority(0, 1, 99), InternalThread::mapPriority(1, 1, 99));
-  EXPECT_EQ(InternalThread::mapPriority(500, 1, 99), InternalThread::mapPriority(128, 1, 99));
-  EXPECT_EQ(InternalThread::mapPriority(64, 1, 99), 50u);  // linear in between
-  EXPECT_EQ(InternalThread::roundStackSize(0), 0u);
-  EXPECT_EQ(InternalThread::roundStackSize(1), 16384u);
-  EXPECT_EQ(InternalThread::roundStackSize(16384), 16384u);
-  EXPECT_EQ(InternalThread::roundStackSize(16385), 32768u);
-
-  InternalThread fifo("fifo", CThread::POLICY_FIFO, 0, 20000);
-  EXPECT_EQ(fifo.priority(), static_cast<uint32_t>(sched_get_priority_min(SCHED_FIFO)));
-  EXPECT_EQ(fifo.stackSize(), 32768u);
-}
 
 TEST(CThread, RunsStopsAndStartsAgain) {
   Looper t;
@@ -138,15 +121,6 @@ TEST(CThread, ExceptionEndsTheThreadWithOneLine) {
   ASSERT_TRUE(t.start());
   EXPECT_TRUE(eventually([&] { return t.isStopped(); }));
   EXPECT_EQ(capture.count("threadProc, looper ended by an exception: boom"), 1u) << capture.dump();
-}
-
-TEST(Time, TickFollowsSleepAndSleepZeroOnlyYields) {
-  uint64_t a = tickMs();
-  CThread::sleepMs(120);
-  EXPECT_GE(tickMs() - a, 100u);  // the tick moves in 10 ms steps
-  a = tickMs();
-  for (int i = 0; i < 1000; ++i) CThread::sleepMs(0);
-  EXPECT_LT(tickMs() - a, 200u);
 }
 
 }  // namespace
