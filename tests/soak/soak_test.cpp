@@ -36,6 +36,7 @@
 #include <thread>
 #include <vector>
 
+#include "service/common.h"
 #include "tests/e2e/gateway.h"
 #include "tests/e2e/remote_port.h"
 
@@ -260,17 +261,9 @@ Usage usage(pid_t pid) {
 }
 
 std::string hex(const std::string& bytes) {
-  static const char digits[] = "0123456789abcdef";
   std::string text;
-  for (unsigned char b : bytes) text += {digits[b >> 4], digits[b & 15]};
+  Zentrova::Iot::TransparentChannel::bytes_to_hex(bytes, text);
   return text;
-}
-
-std::string unhex(const std::string& text) {
-  auto value = [](char c) { return c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10; };
-  std::string bytes;
-  for (size_t i = 0; i + 1 < text.size(); i += 2) bytes += static_cast<char>(16 * value(text[i]) + value(text[i + 1]));
-  return bytes;
 }
 
 TEST(Soak, BytesStayWholeAndNothingLeaksUnderLoadFaultsAndChanges) {
@@ -392,7 +385,8 @@ TEST(Soak, BytesStayWholeAndNothingLeaksUnderLoadFaultsAndChanges) {
   for (const auto& line : gw.lora_sim().lines()) {
     const size_t at = line.find(" data=\"");
     if (line.rfind("downlink ", 0) != 0 || at == std::string::npos) continue;
-    const std::string bytes = unhex(line.substr(at + 7, line.find('"', at + 7) - at - 7));
+    std::string bytes;
+    Zentrova::Iot::TransparentChannel::hex_to_bytes(line.substr(at + 7, line.find('"', at + 7) - at - 7), bytes);
     downlinks.feed(bytes.data(), bytes.size());
   }
   e2e::expect_bounded_stop(gw);

@@ -170,57 +170,6 @@ TEST(SerialPeer, RefusalsCarryTheReason) {
   std::filesystem::remove_all(dir);
 }
 
-TEST(SerialPeer, ABadClientLosesOnlyItsOwnConnection) {
-  auto peer = run_peer({"--bind", "127.0.0.1", "--keepalive", "0"});
-  constexpr int kPorts = 5;
-  std::vector<std::unique_ptr<RemotePort>> ports;
-  std::vector<std::unique_ptr<PeerLink>> links;
-  for (int i = 0; i < kPorts; ++i) {
-    ports.push_back(std::make_unique<RemotePort>());
-    int32_t code = -1;
-    std::string message;
-    links.push_back(open_port(request(ports[i]->path), code, message));
-    ASSERT_TRUE(links[i]);
-    ASSERT_EQ(code, 0) << message;
-  }
-  // Bad header, a frame out of place, an empty data frame, data before any request.
-  ASSERT_TRUE(links[0]->send_bytes({0x5A, 0, 8, 0, 1, 2, 3, 4}));
-  ASSERT_TRUE(links[1]->send_bytes(request(ports[1]->path)));
-  ASSERT_TRUE(links[2]->send_frame(kFrameData, ""));
-  auto early = tc_test::connect_to("127.0.0.1", 5656);
-  ASSERT_TRUE(early && early->send_frame(kFrameData, "x"));
-  for (PeerLink* gone : {links[0].get(), links[1].get(), links[2].get(), early.get()}) {
-    EXPECT_TRUE(gone->wait_closed());
-  }
-  for (const char* line : {"bad frame header (magic 0x5a, type 0, len 8), closing",
-                           "unexpected frame (magic 0xa5, type 100, len 272), closing",
-                           "unexpected frame (magic 0xa5, type 0, len 4), closing",
-                           "unexpected frame (magic 0xa5, type 0, len 5), closing"}) {
-    EXPECT_TRUE(peer->wait_for_line(line, 5000)) << line << "\n" << peer->output();
-    EXPECT_EQ(peer->count_lines(line), 1u) << line;
-  }
-
-  // Every other connection relays its own bytes both ways.
-  for (int i = 3; i < kPorts; ++i) {
-    const std::string down = "down" + std::to_string(i);
-    const std::string up = "up" + std::to_string(i);
-    ASSERT_TRUE(links[i]->send_frame(kFrameData, down));
-    ASSERT_TRUE(tc_test::write_fd(ports[i]->master, up));
-    EXPECT_EQ(tc_test::read_fd(ports[i]->master, down.size()), down);
-    EXPECT_EQ(links[i]->read_data(up.size()), up);
-  }
-
-  // A new client of a port in use takes it over from the older connection.
-  int32_t code = -1;
-  std::string message;
-  auto again = open_port(request(ports[3]->path), code, message);
-  ASSERT_TRUE(again);
-  EXPECT_EQ(code, 0);
-  EXPECT_TRUE(links[3]->wait_closed());
-  ASSERT_TRUE(tc_test::write_fd(ports[3]->master, "new owner"));
-  EXPECT_EQ(again->read_data(9), "new owner");
-}
-
 TEST(SerialPeer, GarbageFaultBreaksTheStream) {
   auto peer = run_peer({"--bind", "127.0.0.1", "--fault", "garbage", "--fault-chance", "100", "--seed", "1"});
   RemotePort port;
