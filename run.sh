@@ -36,10 +36,7 @@ wait_for() {  # path, what
 }
 
 run_demo() {
-  if [ "${TC_DEMO_NAMESPACE:-}" = 1 ]; then
-    mount -t tmpfs tmpfs /tmp
-    ip link set lo up
-  elif [ -e "$bus_dir/mbusd_socket" ]; then
+  if [ "${TC_DEMO_NAMESPACE:-}" != 1 ] && [ -e "$bus_dir/mbusd_socket" ]; then
     echo "run.sh: $bus_dir/mbusd_socket exists: a gateway bus (or another demo) runs here" >&2
     exit 1
   fi
@@ -127,7 +124,7 @@ cmake -S "$root" -B "$build" >/dev/null
 cmake --build "$build" -j "$(nproc)" --target transparent-channel tc-config tc-serial-peer tc-lora-sim tc-status
 
 if [ "$(id -u)" -eq 0 ] && unshare --net --mount --propagation private true 2>/dev/null; then
-  TC_DEMO_NAMESPACE=1 exec unshare --net --mount --propagation private "$0" --inside
+  TC_DEMO_NAMESPACE=1 exec "$root/tests/support/run_isolated.sh" --keep "$build" "$0" --inside
 fi
 echo "run.sh: not root, so the demo uses this machine's /tmp and loopback ports" >&2
 exec "$0" --inside

@@ -9,7 +9,7 @@
 #   bench/run.sh              everything
 #   bench/run.sh quick        shorter: scale series only up to 50 serial / 250 LoRa
 #   bench/run.sh bus          only the bus, start-up, idle and stop section (about 3 minutes)
-#   unshare --net --mount --propagation private bench/run.sh --inside compare
+#   tests/support/run_isolated.sh bench/run.sh --inside compare
 #                             (after one full run) only the socat / service
 #                             comparisons, the bridge alone and the whole path
 # Raw results stay in build-bench/bench-results/.
@@ -93,10 +93,8 @@ set_devices() {  # serial count, lora count (files ser<i>, lora<i> in $work)
 }
 
 inside() {
-  mount -t tmpfs tmpfs /tmp
   # ser2net's port locks, private to this run.
   mount -t tmpfs tmpfs /run/lock
-  ip link set lo up
   # ser2net resolves its listening address only when an interface other than
   # the loopback has one.
   ip link add tcbench0 type bridge && ip addr add 192.0.2.1/24 dev tcbench0 && ip link set tcbench0 up
@@ -238,7 +236,8 @@ for p in python3-dbus python3-gi; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" ||
     { apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "$p" >&2; }
 done
-unshare --net --mount --propagation private "$0" --inside "$mode"
+# A private /tmp and loopback; the checkout and $build stay visible.
+"$root/tests/support/run_isolated.sh" --keep "$build" "$0" --inside "$mode"
 
 [ "$mode" = bus ] || "$root/bench/report.sh" "$results"
 "$root/bench/bus_report.sh" "$results"

@@ -94,23 +94,6 @@ class Agent : public testing::Test {
   std::unique_ptr<ChildProcess> manager;
 };
 
-TEST_F(Agent, EveryOperationAgainstTheDevelopmentManager) {
-  serve();
-  std::string value = "untouched";
-  EXPECT_EQ(agent->get_config("gw_tc_missing", value, 3000), 0);
-  EXPECT_EQ(value, "") << "a missing key reads as empty";
-  EXPECT_EQ(agent->set_config("gw_tc_loralan_mode", "1", 3000, false), 0);
-  EXPECT_EQ(agent->set_config("gw_tc_secret", "s", 3000, true), 0);
-  EXPECT_EQ(agent->get_config("gw_tc_loralan_mode", value, 3000), 0);
-  EXPECT_EQ(value, "1");
-  EXPECT_EQ(agent->get_config("gw_tc_secret", value, 3000), 0);
-  EXPECT_EQ(value, "s");
-  EXPECT_EQ(agent->flush_config(3000), 0) << "memory only: nothing to write, still a success";
-  EXPECT_EQ(agent->reset_config(3000), 0);
-  EXPECT_EQ(agent->get_config("gw_tc_loralan_mode", value, 3000), 0);
-  EXPECT_EQ(value, "");
-}
-
 TEST_F(Agent, ChangesReachTheSubscribedCallbackAndItsResultGoesBack) {
   serve();
   Subscriber subscriber;
@@ -145,26 +128,6 @@ TEST_F(Agent, ChangesReachTheSubscribedCallbackAndItsResultGoesBack) {
   std::this_thread::sleep_for(milliseconds(300));
   EXPECT_EQ(subscriber.get().size(), 2u);
   EXPECT_EQ(manager->count_lines("result [7]"), 2u) << manager->output();
-}
-
-TEST_F(Agent, DisconnectedCallsReturnTheFailureCodeWithTheirLines) {
-  log.clear();
-  channel->stop();
-  std::string value = "untouched";
-  Subscriber subscriber;
-  EXPECT_EQ(agent->get_config("k", value, 100), CConfigAgent::kCallFailed);
-  EXPECT_EQ(value, "untouched");
-  EXPECT_EQ(agent->set_config("k", "v", 100, false), CConfigAgent::kCallFailed);
-  EXPECT_EQ(agent->subscribe_config("k", CConfigCallback(&subscriber, &Subscriber::on_change), 1, 100),
-            CConfigAgent::kCallFailed);
-  EXPECT_EQ(agent->unsubscribe_config("k", 100), CConfigAgent::kCallFailed);
-  EXPECT_EQ(agent->flush_config(100), CConfigAgent::kCallFailed);
-  EXPECT_EQ(agent->reset_config(100), CConfigAgent::kCallFailed);
-  for (const char* line : {"get config, block_call [-1] fail.", "set config, [k] block_call [-1] fail.",
-                           "subscribe config, block_call [-1] fail.", "unsubscribe config, block_call [-1] fail."}) {
-    EXPECT_EQ(log.count(line), 1u) << line << "\n" << log.dump();
-  }
-  EXPECT_EQ(log.count("flush config, block_call [-1] fail."), 2u) << "reset uses the flush wording";
 }
 
 // A manager whose answers the test scripts, member by member.

@@ -3,30 +3,25 @@
 // peer opens its slave by name, the test holds the master, the far end of the
 // cable.
 
-#include <cstddef>
 #include <string>
+#include <utility>
+
+#include "tests/support/device_file.h"
 
 namespace e2e {
 
-class RemotePort {
+class RemotePort : public tc_test::DeviceFile {
  public:
   RemotePort();
-  ~RemotePort();
-  RemotePort(const RemotePort&) = delete;
-  RemotePort& operator=(const RemotePort&) = delete;
 
-  bool opened() const { return m_master >= 0; }
-  // The master, non-blocking, for a caller's own poll loop.
-  int fd() const { return m_master; }
+  bool opened() const { return fd() >= 0; }
   // The slave's name, for the serial device configuration.
   const std::string& path() const { return m_path; }
-  // All of `bytes`, or false when the port stays full for `timeout_ms`.
-  bool write(const std::string& bytes, int timeout_ms = 10000);
-  // Until `n` bytes came or the time is up.
-  std::string read(size_t n, int timeout_ms);
 
  private:
-  int m_master = -1;
+  // The master and the slave's name.
+  explicit RemotePort(std::pair<int, std::string> pair) : DeviceFile(pair.first), m_path(std::move(pair.second)) {}
+
   std::string m_path;
 };
 

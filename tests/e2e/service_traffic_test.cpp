@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <memory>
@@ -14,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "service/common.h"
 #include "tests/e2e/gateway.h"
 #include "tests/e2e/remote_port.h"
 
@@ -21,6 +21,7 @@ using e2e::Gateway;
 using e2e::kSlowdown;
 using lora_test::DeviceFile;
 using lora_test::path_exists;
+using Zentrova::Iot::TransparentChannel::to_upper;
 
 namespace {
 
@@ -42,16 +43,7 @@ std::string random_bytes(size_t n, unsigned seed) {
 
 std::string hex(const std::string& bytes) {
   std::string text;
-  char two[3];
-  for (unsigned char b : bytes) {
-    std::snprintf(two, sizeof two, "%02x", b);
-    text += two;
-  }
-  return text;
-}
-
-std::string upper(std::string text) {
-  for (auto& c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  Zentrova::Iot::TransparentChannel::bytes_to_hex(bytes, text);
   return text;
 }
 
@@ -174,9 +166,10 @@ TEST(Configuration, SerialListLoraListAndRfSetWithTcConfigApplyWhileRunning) {
   ASSERT_TRUE(path_exists(lora_old));
 
   // Serial list: the old device file goes, the new one comes and connects.
-  ASSERT_EQ(gw.set_config("gw_tc_serial_devices",
-                          e2e::json_array({e2e::serial_device(serial_new, "127.0.0.2", port.path())})),
-            0);
+  const std::string serial_list = e2e::json_array({e2e::serial_device(serial_new, "127.0.0.2", port.path())});
+  ASSERT_EQ(gw.set_config("gw_tc_serial_devices", serial_list), 0);
+  EXPECT_TRUE(service.wait_for_line("callback_config, gw_tc_serial_devices:" + serial_list, kWaitMs))
+      << service.output();
   EXPECT_TRUE(service.wait_for_line("delete device, " + serial_old, kWaitMs)) << service.output();
   EXPECT_TRUE(service.wait_for_line("add device, " + serial_new, kWaitMs)) << service.output();
   EXPECT_TRUE(gw.wait_status(connected(serial_new, "127.0.0.2", port.path()), kWaitMs, &last)) << last;
@@ -189,7 +182,7 @@ TEST(Configuration, SerialListLoraListAndRfSetWithTcConfigApplyWhileRunning) {
   ASSERT_EQ(gw.set_config("gw_tc_loralan_devices", e2e::json_array({e2e::lora_device(lora_new, eui_new)})), 0);
   EXPECT_TRUE(service.wait_for_line("threadProc, delete device fd:", kWaitMs)) << service.output();
   EXPECT_TRUE(service.wait_for_line("dev_file:" + lora_new, kWaitMs)) << service.output();
-  EXPECT_TRUE(sim.wait_for_line("node sync count=1 devEui=" + upper(eui_new) + " -> result 0", kWaitMs))
+  EXPECT_TRUE(sim.wait_for_line("node sync count=1 devEui=" + to_upper(eui_new) + " -> result 0", kWaitMs))
       << sim.output();
   EXPECT_EQ(count_since(sim, sim_before, "node sync count=0 devEui= -> result 0"), 1u) << sim.output();
   EXPECT_FALSE(path_exists(lora_old));
@@ -265,8 +258,8 @@ TEST(Lora, UplinksComeOutOfTheDeviceFileAndWritesGoDown) {
   ASSERT_TRUE(path_exists(file));
   DeviceFile device(file);
 
-  // One-shot, as an operator would send it.
-  tc_test::ChildProcess once({kLoraSim, "uplink", upper(kEui), hex("Hello"), "5"});
+  // One-shot, as an operator would send it: a confirmed uplink (mtype 4).
+  tc_test::ChildProcess once({kLoraSim, "uplink", to_upper(kEui), hex("Hello"), "5", "4"});
   int status = 0;
   ASSERT_TRUE(once.wait_exit(kWaitMs, &status));
   EXPECT_EQ(tc_test::exit_code(status), 0) << once.output();
@@ -296,7 +289,7 @@ TEST(Lora, TwoHundredFiftyNodesAreProvisionedInBatchesOfAHundred) {
   for (int i = 0; i < kNodes; ++i) {
     char eui[17];
     std::snprintf(eui, sizeof eui, "70b3d5e75e%06x", i);
-    euis.push_back(upper(eui));
+    euis.push_back(to_upper(eui));
     items.push_back(e2e::lora_device(gw.path("lora" + std::to_string(i)), eui));
   }
   ASSERT_TRUE(gw.start_all({{"gw_tc_loralan_devices", e2e::json_array(items)}, {"gw_tc_loralan_rf", kRf}}))

@@ -70,15 +70,6 @@ TEST_F(Entry, TerminationSignalsEndTheStartLoopAndExitInOrder) {
   }
 }
 
-TEST_F(Entry, IgnoredSignalsChangeNothing) {
-  for (int sig : {SIGPIPE, SIGHUP, SIGTSTP, SIGTTIN, SIGTTOU}) ASSERT_TRUE(service->signal(sig));
-  int status;
-  EXPECT_FALSE(service->wait_exit(1500, &status)) << "ended by an ignored signal";
-  EXPECT_EQ(service->count_lines("caught"), 0u) << service->output();
-  terminate(SIGTERM);
-  EXPECT_EQ(finish(), 0);
-}
-
 // The earliest signal there is: sent at once to a service started with it
 // blocked, so it is pending before main runs.  It is taken as soon as the
 // handlers are in place and ends the service before any start attempt.

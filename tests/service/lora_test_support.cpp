@@ -1,17 +1,11 @@
 #include "tests/service/lora_test_support.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <termios.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
-#include <filesystem>
 #include <vector>
 
 namespace lora_test {
@@ -30,11 +24,6 @@ sockaddr_in loopback(uint16_t port) {
   addr.sin_port = htons(port);
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   return addr;
-}
-
-int64_t now_ms() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
-      .count();
 }
 
 }  // namespace
@@ -95,57 +84,6 @@ bool UdpPeer::send(uint16_t port, const std::string& text) {
   const sockaddr_in addr = loopback(port);
   return sendto(m_fd, text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) ==
          static_cast<ssize_t>(text.size());
-}
-
-DeviceFile::DeviceFile(const std::string& path) {
-  m_fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-  termios tio{};
-  tcgetattr(m_fd, &tio);
-  cfmakeraw(&tio);
-  tcsetattr(m_fd, TCSANOW, &tio);
-}
-
-DeviceFile::~DeviceFile() {
-  if (m_fd >= 0) close(m_fd);
-}
-
-bool DeviceFile::write(const std::string& bytes) {
-  size_t done = 0;
-  for (const int64_t deadline = now_ms() + 5000; done < bytes.size() && now_ms() < deadline;) {
-    const ssize_t n = ::write(m_fd, bytes.data() + done, bytes.size() - done);
-    if (n > 0) done += static_cast<size_t>(n);
-    pollfd p{m_fd, POLLOUT, 0};
-    if (n <= 0) poll(&p, 1, 50);
-  }
-  return done == bytes.size();
-}
-
-std::string DeviceFile::read(size_t n, int timeout_ms) {
-  std::string got;
-  char buffer[4096];
-  for (const int64_t deadline = now_ms() + timeout_ms; got.size() < n && now_ms() < deadline;) {
-    pollfd p{m_fd, POLLIN, 0};
-    if (poll(&p, 1, static_cast<int>(std::max<int64_t>(0, deadline - now_ms()))) <= 0) continue;
-    const ssize_t r = ::read(m_fd, buffer, sizeof buffer);
-    if (r > 0) got.append(buffer, static_cast<size_t>(r));
-    if (r <= 0) poll(nullptr, 0, 10);  // hung up: the bridge's end is gone
-  }
-  return got;
-}
-
-TempDir::TempDir() {
-  char pattern[] = "/tmp/tc-lora-XXXXXX";
-  if (mkdtemp(pattern)) m_path = pattern;
-}
-
-TempDir::~TempDir() {
-  std::error_code ignored;
-  if (!m_path.empty()) std::filesystem::remove_all(m_path, ignored);
-}
-
-bool path_exists(const std::string& path) {
-  struct stat st {};
-  return lstat(path.c_str(), &st) == 0;
 }
 
 }  // namespace lora_test

@@ -1,7 +1,7 @@
 #pragma once
 // Real parts shared by the LoRa tests: a private bus with the development
-// configuration manager, a UDP peer on the loopback standing in for a local
-// LoRa service, and the user's end of a device file.
+// configuration manager, and a UDP socket on the loopback that plays a local
+// LoRa service datagram by datagram (answers the simulator cannot give).
 
 #include <cstdint>
 #include <memory>
@@ -12,6 +12,7 @@
 #include "component/dbus_channel.h"
 #include "tests/support/child_process.h"
 #include "tests/support/dbus_daemon.h"
+#include "tests/support/device_file.h"
 
 namespace lora_test {
 
@@ -51,31 +52,8 @@ class UdpPeer {
 // Nobody holds 127.0.0.1:port.
 inline bool udp_port_free(uint16_t port) { return UdpPeer(port).bound(); }
 
-// The link of a device file opened in raw mode.
-class DeviceFile {
- public:
-  explicit DeviceFile(const std::string& path);
-  ~DeviceFile();
-  bool write(const std::string& bytes);
-  // Until `n` bytes came or the time is up.
-  std::string read(size_t n, int timeout_ms);
-  std::string read_for(int ms) { return read(SIZE_MAX, ms); }
-
- private:
-  int m_fd = -1;
-};
-
-// A fresh directory under /tmp, removed with what is in it.
-class TempDir {
- public:
-  TempDir();
-  ~TempDir();
-  std::string file(const std::string& name) const { return m_path + "/" + name; }
-
- private:
-  std::string m_path;
-};
-
-bool path_exists(const std::string& path);
+using tc_test::DeviceFile;
+using tc_test::path_exists;
+using tc_test::TempDir;
 
 }  // namespace lora_test

@@ -19,6 +19,7 @@
 #include "component/dbus_channel.h"
 #include "service/serial_service.h"
 #include "tests/service/serial_test_peer.h"
+#include "tests/support/device_file.h"
 #include "tests/support/log_capture.h"
 
 using namespace Zentrova::Iot::TransparentChannel;
@@ -27,6 +28,7 @@ using Zentrova::Iot::Component::CDBusChannel;
 using Zentrova::Iot::DBus::CDBusMethodCall;
 using Zentrova::Iot::DBus::CDBusMethodReturn;
 using tc_test::Bytes;
+using tc_test::DeviceFile;
 using tc_test::LogCaptureScope;
 using tc_test::PeerLink;
 using tc_test::TestPeer;
@@ -138,8 +140,8 @@ TEST_F(SerialLoop, FramesInOneSegmentReachTheDeviceAndBytesComeBack) {
   EXPECT_TRUE(log.contains("add device, " + settings(1)));
   EXPECT_TRUE(has_fd_line("deal message, response code:0, message:ok, fd:",
                           ", local_device:" + path(1) + ", remote_device:127.0.0.1:ttyS1"));
-  const int tty = tc_test::open_raw(path(1));
-  ASSERT_GE(tty, 0);
+  DeviceFile tty(path(1));
+  ASSERT_GE(tty.fd(), 0);
 
   // Several frames in one segment; arbitrary splits are the fuzzer's job.
   Bytes batch = tc_test::make_frame(1, "");
@@ -148,12 +150,11 @@ TEST_F(SerialLoop, FramesInOneSegmentReachTheDeviceAndBytesComeBack) {
     batch.insert(batch.end(), f.begin(), f.end());
   }
   ASSERT_TRUE(link->send_bytes(batch));
-  EXPECT_EQ(tc_test::read_fd(tty, 4), "abcd");
-  ASSERT_TRUE(tc_test::write_fd(tty, "up"));
+  EXPECT_EQ(tty.read(4, 10000), "abcd");
+  ASSERT_TRUE(tty.write("up"));
   EXPECT_EQ(link->read_data(2), "up");
   EXPECT_EQ(log.count_prefix("deal error"), 0u);
   EXPECT_EQ(status(), line(1, true));
-  close(tty);
 }
 
 TEST_F(SerialLoop, MalformedFramesCloseOnlyThatConnection) {
@@ -174,8 +175,8 @@ TEST_F(SerialLoop, MalformedFramesCloseOnlyThatConnection) {
       {"second response", true, tc_test::make_frame(200, std::string(264, '\0')), type + "200, len: 268"},
   };
   ASSERT_TRUE(log.wait_for("add device, " + settings(1), 5000));
-  const int tty = tc_test::open_raw(path(1));
-  ASSERT_GE(tty, 0);
+  DeviceFile tty(path(1));
+  ASSERT_GE(tty.fd(), 0);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     std::unique_ptr<PeerLink> link = peer.accept();
@@ -191,7 +192,7 @@ TEST_F(SerialLoop, MalformedFramesCloseOnlyThatConnection) {
     EXPECT_TRUE(log.wait_for("deal error, " + settings(1), 5000));
     EXPECT_TRUE(wait_status(line(1, false)));
     EXPECT_TRUE(is_link(1));
-    EXPECT_TRUE(tc_test::write_fd(tty, "typed while down"));
+    EXPECT_TRUE(tty.write("typed while down"));
     // The terminal hands the bytes on a moment later; they must meet the link down.
     usleep(200000);
     log.clear();
@@ -215,9 +216,8 @@ TEST_F(SerialLoop, MalformedFramesCloseOnlyThatConnection) {
   link = peer.establish();
   ASSERT_TRUE(link);
   ASSERT_TRUE(wait_status(line(1, true)));
-  ASSERT_TRUE(tc_test::write_fd(tty, "fresh"));
+  ASSERT_TRUE(tty.write("fresh"));
   EXPECT_EQ(link->read_data(5), "fresh");
-  close(tty);
 }
 
 TEST_F(SerialLoop, ChangingOneDeviceOfThreeLeavesTheOthersUp) {
@@ -226,8 +226,8 @@ TEST_F(SerialLoop, ChangingOneDeviceOfThreeLeavesTheOthersUp) {
   std::unique_ptr<PeerLink> links[3];
   for (int i = 0; i < 3; ++i) ASSERT_TRUE(links[i] = peers[i].establish());
   ASSERT_TRUE(wait_status(line(1, true) + line(2, true) + line(3, true))) << status();
-  int ttys[3];
-  for (int i = 0; i < 3; ++i) ASSERT_GE(ttys[i] = tc_test::open_raw(path(i + 1)), 0);
+  std::unique_ptr<DeviceFile> ttys[3];
+  for (int i = 0; i < 3; ++i) ASSERT_GE((ttys[i] = std::make_unique<DeviceFile>(path(i + 1)))->fd(), 0);
 
   log.clear();
   configure("[" + item(1) + "," + item(2, 19200) + "," + item(3) + "]");
@@ -244,13 +244,12 @@ TEST_F(SerialLoop, ChangingOneDeviceOfThreeLeavesTheOthersUp) {
   EXPECT_EQ(log.count_prefix("add device"), 1u);
 
   // The untouched devices still carry data both ways on their first connection.
-  ASSERT_TRUE(tc_test::write_fd(ttys[0], "one"));
+  ASSERT_TRUE(ttys[0]->write("one"));
   EXPECT_EQ(links[0]->read_data(3), "one");
   ASSERT_TRUE(links[2]->send_frame(0, "three"));
-  EXPECT_EQ(tc_test::read_fd(ttys[2], 5), "three");
-  close(ttys[1]);
-  ASSERT_GE(ttys[1] = tc_test::open_raw(path(2)), 0);  // the new link leads to the new device
-  ASSERT_TRUE(tc_test::write_fd(ttys[1], "two"));
+  EXPECT_EQ(ttys[2]->read(5, 10000), "three");
+  ttys[1] = std::make_unique<DeviceFile>(path(2));  // the new link leads to the new device
+  ASSERT_TRUE(ttys[1]->write("two"));
   EXPECT_EQ(renewed->read_data(3), "two");
 
   // A value that is not JSON takes every device and link away.
@@ -259,7 +258,6 @@ TEST_F(SerialLoop, ChangingOneDeviceOfThreeLeavesTheOthersUp) {
   EXPECT_TRUE(wait_status(""));
   for (int n = 1; n <= 3; ++n) EXPECT_FALSE(is_link(n)) << n;
   EXPECT_EQ(log.count_prefix("delete device"), 4u);
-  for (int tty : ttys) close(tty);
 }
 
 TEST_F(SerialLoop, SilentPeerIsReconnectedAtTheNextSweep) {
@@ -315,8 +313,8 @@ TEST_F(SerialLoop, HoldingThePeerBackIsNotSilenceButTakingNothingIs) {
   std::unique_ptr<PeerLink> link = peer.establish();
   ASSERT_TRUE(link);
   ASSERT_TRUE(wait_status(line(1, true)));
-  const int tty = tc_test::open_raw(path(1));
-  ASSERT_GE(tty, 0);
+  DeviceFile tty(path(1));
+  ASSERT_GE(tty.fd(), 0);
   std::string bytes(16 << 20, '\0');
   for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i * 7 + i / 1468);
   // Runs `write` over `bytes` in pieces; returns once it stopped making progress.
@@ -337,10 +335,10 @@ TEST_F(SerialLoop, HoldingThePeerBackIsNotSilenceButTakingNothingIs) {
   std::thread peer_writer = start([&](const std::string& piece) { return link->send_frame(0, piece); });
   advance(40000);
   EXPECT_FALSE(link->wait_closed(1000));
-  EXPECT_TRUE(tc_test::read_fd(tty, bytes.size()) == bytes) << "bytes differ";
+  EXPECT_TRUE(tty.read(bytes.size(), 10000) == bytes) << "bytes differ";
   peer_writer.join();
 
-  std::thread device_writer = start([&](const std::string& piece) { return tc_test::write_fd(tty, piece); });
+  std::thread device_writer = start([&](const std::string& piece) { return tty.write(piece); });
   advance(20000);
   EXPECT_TRUE(link->send_frame(1, ""));
   EXPECT_TRUE(log.wait_for("deal keepalive message, [127.0.0.1:ttyS1] --> [" + path(1) + "]", 5000));
@@ -351,7 +349,6 @@ TEST_F(SerialLoop, HoldingThePeerBackIsNotSilenceButTakingNothingIs) {
   device_writer.join();  // the rest is read and dropped with the link
   EXPECT_EQ(log.count_prefix("deal message, send_file error") + log.count_prefix("deal device message, send_tcp error"),
             0u);
-  close(tty);
 }
 
 }  // namespace

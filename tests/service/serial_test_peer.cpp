@@ -1,16 +1,13 @@
 #include "tests/service/serial_test_peer.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstring>
 
@@ -159,46 +156,6 @@ std::unique_ptr<PeerLink> connect_to(const std::string& ip, uint16_t port) {
     return nullptr;
   }
   return std::make_unique<PeerLink>(fd);
-}
-
-int open_raw(const std::string& path) {
-  const int fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-  if (fd < 0) return -1;
-  termios tio{};
-  tcgetattr(fd, &tio);
-  cfmakeraw(&tio);
-  tcsetattr(fd, TCSANOW, &tio);
-  return fd;
-}
-
-std::string read_fd(int fd, size_t n, int timeout_ms) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  std::string data;
-  char chunk[4096];
-  while (data.size() < n && wait_readable(fd, remaining_ms(end))) {
-    const ssize_t got = read(fd, chunk, std::min(sizeof chunk, n - data.size()));
-    if (got <= 0) break;
-    data.append(chunk, static_cast<size_t>(got));
-  }
-  return data;
-}
-
-std::string read_some(int fd, int timeout_ms) {
-  char chunk[4096];
-  if (!wait_readable(fd, timeout_ms)) return "";
-  const ssize_t got = read(fd, chunk, sizeof chunk);
-  return got > 0 ? std::string(chunk, static_cast<size_t>(got)) : "";
-}
-
-bool write_fd(int fd, const std::string& bytes) {
-  size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    done += static_cast<size_t>(n);
-  }
-  return true;
 }
 
 }  // namespace tc_test

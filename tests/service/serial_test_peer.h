@@ -64,13 +64,4 @@ class TestPeer {
 // A client connection to ip:port (blocking); null when nobody accepts.
 std::unique_ptr<PeerLink> connect_to(const std::string& ip, uint16_t port);
 
-// The slave end of a local device file, opened raw (no echo, no line
-// editing, no newline translation) and blocking.
-int open_raw(const std::string& path);
-// Reads until `n` bytes came or the time-out passed.
-std::string read_fd(int fd, size_t n, int timeout_ms = 10000);
-// What one read gives once the descriptor is readable; empty on time-out.
-std::string read_some(int fd, int timeout_ms);
-bool write_fd(int fd, const std::string& bytes);
-
 }  // namespace tc_test

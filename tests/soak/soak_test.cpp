@@ -18,10 +18,8 @@
 //   TC_SOAK_DEVICES  serial devices: default 8, 4 under a sanitizer (20 for a
 //                    long run on a quiet machine).
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -36,6 +34,7 @@
 #include <thread>
 #include <vector>
 
+#include "service/common.h"
 #include "tests/e2e/gateway.h"
 #include "tests/e2e/remote_port.h"
 
@@ -147,16 +146,6 @@ struct Stream {
   Checker checker;         // the reader's alone until it is joined
 };
 
-int open_raw(const std::string& path) {
-  const int fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-  termios tio{};
-  if (fd >= 0 && tcgetattr(fd, &tio) == 0) {
-    cfmakeraw(&tio);
-    tcsetattr(fd, TCSANOW, &tio);
-  }
-  return fd;
-}
-
 // Makes records at the paced rate and writes them without blocking.
 void write_paced(std::vector<std::unique_ptr<Stream>>& streams, const std::atomic<bool>& stop) {
   auto last = Clock::now();
@@ -260,17 +249,9 @@ Usage usage(pid_t pid) {
 }
 
 std::string hex(const std::string& bytes) {
-  static const char digits[] = "0123456789abcdef";
   std::string text;
-  for (unsigned char b : bytes) text += {digits[b >> 4], digits[b & 15]};
+  Zentrova::Iot::TransparentChannel::bytes_to_hex(bytes, text);
   return text;
-}
-
-std::string unhex(const std::string& text) {
-  auto value = [](char c) { return c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10; };
-  std::string bytes;
-  for (size_t i = 0; i + 1 < text.size(); i += 2) bytes += static_cast<char>(16 * value(text[i]) + value(text[i + 1]));
-  return bytes;
 }
 
 TEST(Soak, BytesStayWholeAndNothingLeaksUnderLoadFaultsAndChanges) {
@@ -318,17 +299,17 @@ TEST(Soak, BytesStayWholeAndNothingLeaksUnderLoadFaultsAndChanges) {
 
   // Two streams per device, then the LoRa uplinks, read with them.
   std::vector<std::unique_ptr<Stream>> streams;
-  std::vector<int> fds;
+  std::vector<std::unique_ptr<tc_test::DeviceFile>> files;
   for (int d = 0; d < devices; ++d) {
-    fds.push_back(open_raw(locals[d]));
-    ASSERT_GE(fds.back(), 0) << locals[d];
-    streams.push_back(std::make_unique<Stream>(2 * d, fds.back(), ports[d]->fd()));
-    streams.push_back(std::make_unique<Stream>(2 * d + 1, ports[d]->fd(), fds.back()));
+    files.push_back(std::make_unique<tc_test::DeviceFile>(locals[d]));
+    ASSERT_GE(files.back()->fd(), 0) << locals[d];
+    streams.push_back(std::make_unique<Stream>(2 * d, files.back()->fd(), ports[d]->fd()));
+    streams.push_back(std::make_unique<Stream>(2 * d + 1, ports[d]->fd(), files.back()->fd()));
   }
   // The program on the gateway pauses on the first clean device, the far end on the second.
   streams[1]->pauses = streams[2]->pauses = true;
-  fds.push_back(open_raw(lora));
-  const int lora_fd = fds.back();
+  files.push_back(std::make_unique<tc_test::DeviceFile>(lora));
+  const int lora_fd = files.back()->fd();
   ASSERT_GE(lora_fd, 0);
   streams.push_back(std::make_unique<Stream>(1000, -1, lora_fd));
   Stream& uplinks = *streams.back();
@@ -392,11 +373,12 @@ TEST(Soak, BytesStayWholeAndNothingLeaksUnderLoadFaultsAndChanges) {
   for (const auto& line : gw.lora_sim().lines()) {
     const size_t at = line.find(" data=\"");
     if (line.rfind("downlink ", 0) != 0 || at == std::string::npos) continue;
-    const std::string bytes = unhex(line.substr(at + 7, line.find('"', at + 7) - at - 7));
+    std::string bytes;
+    Zentrova::Iot::TransparentChannel::hex_to_bytes(line.substr(at + 7, line.find('"', at + 7) - at - 7), bytes);
     downlinks.feed(bytes.data(), bytes.size());
   }
   e2e::expect_bounded_stop(gw);
-  for (int fd : fds) close(fd);
+  files.clear();
 
   // Serial: whole records in order everywhere; on the clean peer every one,
   // on the faulty one no more runs of losses than links dropped.

@@ -73,19 +73,6 @@ class TcConfig : public testing::Test {
   std::string store;
 };
 
-TEST(TcConfigUsage, HelpAndUsageErrors) {
-  Result help = run({"--help"});
-  EXPECT_EQ(help.status, 0);
-  EXPECT_NE(help.output.find("tc-config set KEY VALUE"), std::string::npos) << help.output;
-  for (const auto& args : std::vector<std::vector<std::string>>{
-           {}, {"bogus"}, {"set", "k"}, {"list", "extra"}, {"get", "k", "--bus"}, {"get", "k", "--timeout", "soon"},
-           {"get", "k", "--store", "f"}}) {
-    Result r = run(args);
-    EXPECT_EQ(r.status, 2) << testing::PrintToString(args) << r.output;
-    EXPECT_NE(r.output.find("Try 'tc-config --help'."), std::string::npos) << r.output;
-  }
-}
-
 TEST_F(TcConfig, SetGetAndListAsAUserWould) {
   serve();
   EXPECT_EQ(tool({"set", "gw_tc_serial_devices", "[]"}).status, 0);
@@ -103,42 +90,6 @@ TEST_F(TcConfig, SetGetAndListAsAUserWould) {
   EXPECT_EQ(listed.status, 0);
   EXPECT_NE(listed.output.find("\"gw_tc_serial_devices\" : \"[]\""), std::string::npos) << listed.output;
   EXPECT_NE(listed.output.find("gw_tc_loralan_devices"), std::string::npos);
-}
-
-TEST_F(TcConfig, InvalidJsonForAJsonKeyIsWarnedAboutAndStored) {
-  serve();
-  Result set = tool({"set", "gw_tc_loralan_rf", "{not json"});
-  EXPECT_EQ(set.status, 0);
-  EXPECT_NE(set.output.find("warning: the value for gw_tc_loralan_rf is not valid JSON"), std::string::npos)
-      << set.output;
-  EXPECT_EQ(tool({"get", "gw_tc_loralan_rf"}).output, "{not json\n");
-  EXPECT_TRUE(server->wait_for_line("[gw_tc_loralan_rf] is not valid JSON, stored anyway.", 3000));
-  Result plain = tool({"set", "gw_tc_loralan_mode", "{not json"});
-  EXPECT_EQ(plain.output.find("warning"), std::string::npos) << "not a JSON key: " << plain.output;
-}
-
-TEST_F(TcConfig, ClearErrorsWhenTheBusOrTheManagerIsMissingOrGoes) {
-  Result unreachable = run({"get", "k", "--bus", "unix:path=" + m_dir + "/no-bus"});
-  EXPECT_EQ(unreachable.status, 1);
-  EXPECT_NE(unreachable.output.find("tc-config: cannot connect to the bus at unix:path="), std::string::npos)
-      << unreachable.output;
-
-  Result nobody = tool({"set", "k", "v"});
-  EXPECT_EQ(nobody.status, 1);
-  EXPECT_NE(nobody.output.find("no answer from iot.dmp.configmanager"), std::string::npos) << nobody.output;
-
-  Result serveNowhere = run({"serve", "--bus", "unix:path=" + m_dir + "/no-bus"});
-  EXPECT_EQ(serveNowhere.status, 1);
-  EXPECT_NE(serveNowhere.output.find("tc-config: cannot serve on"), std::string::npos) << serveNowhere.output;
-  serve();
-  Result twice = tool({"serve"});
-  EXPECT_EQ(twice.status, 1) << "the name has an owner";
-
-  bus.kill();
-  int status = 0;
-  ASSERT_TRUE(server->wait_exit(10000, &status)) << server->output();
-  EXPECT_EQ(tc_test::exit_code(status), 1);
-  EXPECT_TRUE(server->wait_for_line("tc-config: lost the bus connection", 1000)) << server->output();
 }
 
 TEST_F(TcConfig, StoreIsWrittenOnFlushAndStopAndReadBackAtStart) {

@@ -41,16 +41,6 @@ std::unique_ptr<ChildProcess> start_sim(const std::vector<std::string>& args = {
   return sim;
 }
 
-TEST(TcLoraSim, HelpAndUsageErrors) {
-  std::string out;
-  EXPECT_EQ(run({"--help"}, &out), 0);
-  EXPECT_NE(out.find("tc-lora-sim uplink EUI HEX FPORT [MTYPE]"), std::string::npos) << out;
-  EXPECT_EQ(run({"--bogus"}, &out), 2);
-  EXPECT_NE(out.find("unknown argument --bogus"), std::string::npos) << out;
-  EXPECT_EQ(run({"--lan-result", "zero"}), 2);
-  EXPECT_EQ(run({"uplink", "00aa", "41", "five"}), 2);
-}
-
 TEST(TcLoraSim, ServesBothServicesAndTakesCommands) {
   UdpPeer bridge(kBridge);
   UdpPeer node(kNodeClient);

@@ -3,7 +3,6 @@
 // port is fixed.  The peer in front of the service's bridge is in tests/e2e.
 
 #include <gtest/gtest.h>
-#include <pty.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -16,6 +15,7 @@
 #include "common/platform/src/thread/Thread.h"
 #include "service/serial_device_config.h"
 #include "service/serial_frame.h"
+#include "tests/e2e/remote_port.h"
 #include "tests/service/serial_test_peer.h"
 #include "tests/support/child_process.h"
 
@@ -27,21 +27,6 @@ using tc_test::PeerLink;
 namespace {
 
 const std::string kPeer = TC_BINARY_DIR "/tools/tc-serial-peer/tc-serial-peer";
-
-// A pseudo-terminal whose slave plays the remote serial port; the test holds
-// the master, the far end of that "cable".
-struct RemotePort {
-  RemotePort() {
-    char name[256] = {};
-    int slave = -1;
-    EXPECT_EQ(openpty(&master, &slave, name, nullptr, nullptr), 0);
-    close(slave);
-    path = name;
-  }
-  ~RemotePort() { close(master); }
-  int master = -1;
-  std::string path;
-};
 
 // The pseudo-terminals of the tests are allowed unless `allow_pts` is false.
 std::unique_ptr<ChildProcess> run_peer(std::vector<std::string> args, bool allow_pts = true) {
@@ -80,33 +65,20 @@ std::unique_ptr<PeerLink> open_port(const Bytes& req, int32_t& code, std::string
   return link;
 }
 
-TEST(SerialPeer, HelpAndUsage) {
-  ChildProcess help({kPeer, "--help"});
-  int status = 0;
-  ASSERT_TRUE(help.wait_exit(5000, &status));
-  EXPECT_EQ(tc_test::exit_code(status), 0);
-  const std::vector<std::string> usage_errors[] = {{kPeer, "--port", "0"}, {kPeer, "--allow", "dev/tty*"}};
-  for (const auto& args : usage_errors) {
-    ChildProcess bad(args);
-    ASSERT_TRUE(bad.wait_exit(5000, &status));
-    EXPECT_EQ(tc_test::exit_code(status), 2) << args[2];
-  }
-}
-
 TEST(SerialPeer, OpensThePortAsAskedAndSendsKeepalives) {
   auto peer = run_peer({"--bind", "127.0.0.1", "--keepalive", "1"});
-  RemotePort port;
+  e2e::RemotePort port;
   int32_t code = 0;
   std::string message;
-  auto link = open_port(request(port.path, 19200, 7, 2, "E", 1), code, message);
+  auto link = open_port(request(port.path(), 19200, 7, 2, "E", 1), code, message);
   ASSERT_TRUE(link);
   EXPECT_EQ(code, 0);
-  EXPECT_EQ(message, "opened " + port.path + " 19200 7E2 rtscts");
+  EXPECT_EQ(message, "opened " + port.path() + " 19200 7E2 rtscts");
 
   // The master reports the slave's settings; a pseudo-terminal keeps the
   // speed, stop bits and flow control but always says 8 bits, no parity.
   termios tio{};
-  ASSERT_EQ(tcgetattr(port.master, &tio), 0);
+  ASSERT_EQ(tcgetattr(port.fd(), &tio), 0);
   EXPECT_EQ(cfgetospeed(&tio), B19200);
   EXPECT_EQ(cfgetispeed(&tio), B19200);
   EXPECT_TRUE(tio.c_cflag & CSTOPB);
@@ -128,12 +100,12 @@ TEST(SerialPeer, OpensThePortAsAskedAndSendsKeepalives) {
 // and only an allowed path tells whether it exists.  The default allows
 // serial ports: neither pseudo-terminals nor consoles.
 TEST(SerialPeer, RefusalsCarryTheReason) {
-  RemotePort port;
+  e2e::RemotePort port;
   char dir_template[] = "/tmp/tc-peer-XXXXXX";
   ASSERT_TRUE(mkdtemp(dir_template));
   const std::string dir = dir_template;
   ASSERT_EQ(symlink("/etc/passwd", (dir + "/passwd").c_str()), 0);
-  ASSERT_EQ(symlink(port.path.c_str(), (dir + "/serial").c_str()), 0);
+  ASSERT_EQ(symlink(port.path().c_str(), (dir + "/serial").c_str()), 0);
   ASSERT_TRUE(std::ofstream(dir + "/plain") << "x");
   const std::string refused = ": not an allowed serial port";
   struct Case {
@@ -155,15 +127,15 @@ TEST(SerialPeer, RefusalsCarryTheReason) {
            {request("/dev/vda"), 13, "/dev/vda" + refused},
            {request(dir + "/passwd"), 13, dir + "/passwd" + refused + " (/etc/passwd)"},
            {request(dir + "/plain"), 13, dir + "/plain: not a character device"},
-           {request(port.path, 12345), 22, "unsupported baud rate 12345"},
-           {request(port.path, 9600, 9), 22, "unsupported data bits 9"},
-           {request(port.path, 9600, 8, 3), 22, "unsupported stop bits 3"},
-           {request(port.path, 9600, 8, 1, "M"), 22, "unsupported parity"},
+           {request(port.path(), 12345), 22, "unsupported baud rate 12345"},
+           {request(port.path(), 9600, 9), 22, "unsupported data bits 9"},
+           {request(port.path(), 9600, 8, 3), 22, "unsupported stop bits 3"},
+           {request(port.path(), 9600, 8, 1, "M"), 22, "unsupported parity"},
        }},
       {{},
        {
-           {request(port.path), 13, port.path + refused},
-           {request(dir + "/serial"), 13, dir + "/serial" + refused + " (" + port.path + ")"},
+           {request(port.path()), 13, port.path() + refused},
+           {request(dir + "/serial"), 13, dir + "/serial" + refused + " (" + port.path() + ")"},
            {request("/dev/tty"), 13, "/dev/tty: a console, not a serial port"},
            {request("ttyNoSuchPort"), 2, "/dev/ttyNoSuchPort: No such file or directory"},
        }},
@@ -183,63 +155,12 @@ TEST(SerialPeer, RefusalsCarryTheReason) {
   std::filesystem::remove_all(dir);
 }
 
-TEST(SerialPeer, ABadClientLosesOnlyItsOwnConnection) {
-  auto peer = run_peer({"--bind", "127.0.0.1", "--keepalive", "0"});
-  constexpr int kPorts = 5;
-  std::vector<std::unique_ptr<RemotePort>> ports;
-  std::vector<std::unique_ptr<PeerLink>> links;
-  for (int i = 0; i < kPorts; ++i) {
-    ports.push_back(std::make_unique<RemotePort>());
-    int32_t code = -1;
-    std::string message;
-    links.push_back(open_port(request(ports[i]->path), code, message));
-    ASSERT_TRUE(links[i]);
-    ASSERT_EQ(code, 0) << message;
-  }
-  // Bad header, a frame out of place, an empty data frame, data before any request.
-  ASSERT_TRUE(links[0]->send_bytes({0x5A, 0, 8, 0, 1, 2, 3, 4}));
-  ASSERT_TRUE(links[1]->send_bytes(request(ports[1]->path)));
-  ASSERT_TRUE(links[2]->send_frame(kFrameData, ""));
-  auto early = tc_test::connect_to("127.0.0.1", 5656);
-  ASSERT_TRUE(early && early->send_frame(kFrameData, "x"));
-  for (PeerLink* gone : {links[0].get(), links[1].get(), links[2].get(), early.get()}) {
-    EXPECT_TRUE(gone->wait_closed());
-  }
-  for (const char* line : {"bad frame header (magic 0x5a, type 0, len 8), closing",
-                           "unexpected frame (magic 0xa5, type 100, len 272), closing",
-                           "unexpected frame (magic 0xa5, type 0, len 4), closing",
-                           "unexpected frame (magic 0xa5, type 0, len 5), closing"}) {
-    EXPECT_TRUE(peer->wait_for_line(line, 5000)) << line << "\n" << peer->output();
-    EXPECT_EQ(peer->count_lines(line), 1u) << line;
-  }
-
-  // Every other connection relays its own bytes both ways.
-  for (int i = 3; i < kPorts; ++i) {
-    const std::string down = "down" + std::to_string(i);
-    const std::string up = "up" + std::to_string(i);
-    ASSERT_TRUE(links[i]->send_frame(kFrameData, down));
-    ASSERT_TRUE(tc_test::write_fd(ports[i]->master, up));
-    EXPECT_EQ(tc_test::read_fd(ports[i]->master, down.size()), down);
-    EXPECT_EQ(links[i]->read_data(up.size()), up);
-  }
-
-  // A new client of a port in use takes it over from the older connection.
-  int32_t code = -1;
-  std::string message;
-  auto again = open_port(request(ports[3]->path), code, message);
-  ASSERT_TRUE(again);
-  EXPECT_EQ(code, 0);
-  EXPECT_TRUE(links[3]->wait_closed());
-  ASSERT_TRUE(tc_test::write_fd(ports[3]->master, "new owner"));
-  EXPECT_EQ(again->read_data(9), "new owner");
-}
-
 TEST(SerialPeer, GarbageFaultBreaksTheStream) {
   auto peer = run_peer({"--bind", "127.0.0.1", "--fault", "garbage", "--fault-chance", "100", "--seed", "1"});
-  RemotePort port;
+  e2e::RemotePort port;
   int32_t code = -1;
   std::string message;
-  auto link = open_port(request(port.path), code, message);
+  auto link = open_port(request(port.path()), code, message);
   ASSERT_TRUE(link);
   EXPECT_EQ(link->read_bytes(16, 5000).at(0), 0x5A);  // not a frame: no magic
   EXPECT_TRUE(peer->wait_for_line("inject_faults, garbage to fd", 1000));

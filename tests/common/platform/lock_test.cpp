@@ -9,36 +9,11 @@
 #include <thread>
 #include <vector>
 
-#include "common/platform/src/lock/Mutex.h"
-#include "common/platform/src/lock/MutexGuard.h"
 #include "common/platform/src/lock/semaphore.h"
 
 using namespace Zentrova::Iot::Platform;
 
 namespace {
-
-TEST(CMutex, GuardExcludesAndReleasesOnEveryPath) {
-  CMutex m("counter");
-  long counter = 0;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 20000; ++i) {
-        CMutexGuard g(&m);
-        ++counter;
-      }
-    });
-  }
-  for (auto& t : threads) t.join();
-  EXPECT_EQ(counter, 80000);
-  {
-    CMutexGuard g(&m);
-    std::thread other([&] { EXPECT_FALSE(m.tryLock()); });
-    other.join();
-  }
-  EXPECT_TRUE(m.tryLock());
-  EXPECT_EQ(m.unlock(), 0);
-}
 
 long ms_since(std::chrono::steady_clock::time_point start) {
   return static_cast<long>(

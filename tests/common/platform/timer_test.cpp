@@ -30,8 +30,6 @@ class Probe {
   std::atomic<bool> hold{false};            // while set, the callback waits (at most 3 s)
   std::atomic<uint32_t> blockOnceMs{0};     // the next call sleeps this long
   std::atomic<CTimer*> stopInside{nullptr};  // stop(true) this timer from the callback
-  std::atomic<CTimer*> periodTarget{nullptr};
-  std::atomic<uint32_t> newPeriod{0};       // setPeriod on periodTarget in the first call
   std::atomic<int> entered{0};
   std::atomic<int> finished{0};
 
@@ -50,7 +48,6 @@ class Probe {
     int active = ++g_active;
     for (int seen = g_maxActive; active > seen && !g_maxActive.compare_exchange_weak(seen, active);) {
     }
-    if (CTimer* t = periodTarget.exchange(nullptr)) t->setPeriod(newPeriod);
     if (CTimer* t = stopInside.exchange(nullptr)) t->stop(true);
     for (int i = 0; hold && i < 600; ++i) CThread::sleepMs(5);
     if (uint32_t ms = blockOnceMs.exchange(0)) CThread::sleepMs(ms);
@@ -61,23 +58,6 @@ class Probe {
   CMutex m_lock;
   std::vector<std::pair<uint64_t, uint64_t>> m_runs;
 };
-
-TEST(CTimer, OneShotRunsOnceWithItsUserDataAndCanBeArmedAgain) {
-  Probe probe;
-  CTimer timer("one_shot");
-  uint64_t before = tickMs();
-  ASSERT_TRUE(timer.start(probe.callback(), 0, 60, 42));
-  EXPECT_TRUE(timer.isActive());
-  EXPECT_FALSE(timer.start(probe.callback(), 0, 0, 1));  // already scheduled
-  ASSERT_TRUE(eventually([&] { return !timer.isActive(); }));
-  CThread::sleepMs(150);
-  auto runs = probe.runs();
-  ASSERT_EQ(runs.size(), 1u);
-  EXPECT_GE(runs[0].first, before + 60);  // never early
-  EXPECT_EQ(runs[0].second, 42u);
-  ASSERT_TRUE(timer.start(CFunctor<uint64_t>(), 0, 0, 0));  // empty: nothing runs, the timer ends
-  EXPECT_TRUE(eventually([&] { return !timer.isActive(); }));
-}
 
 // Both workers blocked: due timers wait.  With one worker freed they go
 // through it one by one, earliest expiry first, equal expiries in start order.
@@ -113,40 +93,6 @@ TEST(CTimer, DueTimersWaitForAFreeWorkerAndFireInExpiryThenStartOrder) {
   for (auto& run : seq.runs()) order.push_back(run.second);
   EXPECT_EQ(order, (std::vector<uint64_t>{1, 2, 3, 4}));
   EXPECT_LE(g_maxActive, 2);
-}
-
-TEST(CTimer, PeriodicTimerSkipsPeriodsMissedWhileItsCallbackBlocked) {
-  Probe probe;
-  probe.blockOnceMs = 350;
-  CTimer timer("catch_up");
-  uint64_t before = tickMs();
-  ASSERT_TRUE(timer.start(probe.callback(), 100, 100, 7));
-  ASSERT_TRUE(eventually([&] { return probe.entered >= 4; }));
-  EXPECT_TRUE(timer.stop(true));
-  auto runs = probe.runs();
-  EXPECT_GE(runs[0].first, before + 100);
-  // Nothing while blocked; the periods due at 200, 300 and 400 are made up
-  // by one late run, after which the timer is back on its 100 ms grid.
-  EXPECT_GE(runs[1].first, runs[0].first + 350);
-  EXPECT_GE(runs[2].first, before + 500);
-  EXPECT_GE(runs[3].first, before + 600);
-}
-
-TEST(CTimer, NewPeriodAppliesFromTheNextRearm) {
-  Probe probe;
-  CTimer timer("period");
-  probe.newPeriod = 300;
-  probe.periodTarget = &timer;  // changed inside the first call
-  uint64_t before = tickMs();
-  ASSERT_TRUE(timer.start(probe.callback(), 100, 100, 0));
-  ASSERT_TRUE(eventually([&] { return probe.entered >= 4; }));
-  timer.stop(true);
-  auto runs = probe.runs();
-  // The second expiry was fixed with the old period when the first run began.
-  EXPECT_GE(runs[1].first, before + 200);
-  EXPECT_LT(runs[1].first, runs[0].first + 280);
-  EXPECT_GE(runs[2].first, before + 500);
-  EXPECT_GE(runs[3].first, before + 800);
 }
 
 TEST(CTimer, StopWithWaitReturnsOnlyAfterTheRunningCallback) {
@@ -190,31 +136,6 @@ TEST(CTimer, StopWithWaitReturnsOnlyAfterTheRunningCallback) {
   EXPECT_EQ(self.entered, 1);
   CThread::sleepMs(100);
   EXPECT_EQ(idle.entered, 0);
-}
-
-TEST(CTimer, StopWithoutWaitLetsTheWorkerSetIdle) {
-  Probe running;
-  running.hold = true;
-  CTimer timer("stop_nowait");
-  ASSERT_TRUE(timer.start(running.callback(), 50, 0, 0));
-  ASSERT_TRUE(eventually([&] { return running.entered == 1; }));
-  EXPECT_TRUE(timer.stop(false));
-  EXPECT_EQ(running.finished, 0);
-  EXPECT_TRUE(timer.isActive());  // stopping
-  EXPECT_FALSE(timer.isRunning());
-  EXPECT_FALSE(timer.start(running.callback(), 0, 0, 0));
-  running.hold = false;
-  ASSERT_TRUE(eventually([&] { return !timer.isActive(); }));
-  CThread::sleepMs(120);
-  EXPECT_EQ(running.entered, 1);
-
-  // Stopped while waiting: the worker drops it when it falls due.
-  Probe dropped;
-  ASSERT_TRUE(timer.start(dropped.callback(), 0, 50, 0));
-  EXPECT_TRUE(timer.stop(false));
-  EXPECT_TRUE(timer.isActive());
-  ASSERT_TRUE(eventually([&] { return !timer.isActive(); }));
-  EXPECT_EQ(dropped.entered, 0);
 }
 
 }  // namespace
