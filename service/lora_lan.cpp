@@ -325,7 +325,7 @@ void CLoraLan::threadProc() {
     const int count = epoll_wait(epfd, events.get(), kMaxEvents, next_wait_ms());
     if (count > 0) handle_events(events.get(), count, open);
     pace_down_packets();
-    if (m_stats_wanted.exchange(false)) publish_stats(open);
+    if (m_stats_request.wanted()) publish_stats(open);
   }
 
   close_devices(epfd, open);
@@ -471,14 +471,7 @@ int CLoraLan::next_wait_ms() const {
 }
 
 Json::Value CLoraLan::statistics() {
-  // A late answer to an earlier request that gave up must not count for this one.
-  while (m_stats_ready.tryWait()) {
-  }
-  if (m_running) {
-    m_stats_wanted = true;
-    m_wakeup.wake();
-    m_stats_ready.wait(kStatsWaitMs);
-  }
+  if (m_running) m_stats_request.ask([this] { m_wakeup.wake(); }, kStatsWaitMs);
   std::vector<DeviceStats> stats;
   {
     CMutexGuard guard(&m_devices_lock);
@@ -512,7 +505,7 @@ void CLoraLan::publish_stats(const OpenDevices& open) {
       m_stats.push_back(s);
     }
   }
-  m_stats_ready.post();
+  m_stats_request.answered();
 }
 
 void CLoraLan::close_devices(int epfd, OpenDevices& open) {

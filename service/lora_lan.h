@@ -19,11 +19,11 @@
 
 #include "common/platform/src/lock/Mutex.h"
 #include "common/platform/src/lock/Wakeup.h"
-#include "common/platform/src/lock/semaphore.h"
 #include "common/platform/src/thread/Thread.h"
 #include "component/config_agent.h"
 #include "service/lora_lan_device.h"
 #include "service/lora_lan_message.h"
+#include "service/snapshot_request.h"
 
 namespace Zentrova {
 namespace Iot {
@@ -116,8 +116,7 @@ class CLoraLan : public Platform::CThread {
   char m_recv_buffer[LORA_LAN_MAX_DATAGRAM + 1] = {};
   // statistics() asks, the loop answers after its pass: the counters are its
   // own, so the data path takes no lock.
-  std::atomic<bool> m_stats_wanted{false};
-  Platform::CSemaphore m_stats_ready;
+  CSnapshotRequest m_stats_request;
   std::vector<DeviceStats> m_stats;  // under m_devices_lock
 };
 

@@ -197,14 +197,7 @@ void CSerialService::serial_port_connect_status(DBus::CDBusMethodCall& /*call*/,
 }
 
 Json::Value CSerialService::statistics() {
-  // A late answer to an earlier request that gave up must not count for this one.
-  while (m_stats_ready.tryWait()) {
-  }
-  if (running.load()) {
-    m_stats_wanted.store(true);
-    wake();
-    m_stats_ready.wait(kStatsWaitMs);
-  }
+  if (running.load()) m_stats_request.ask([this] { wake(); }, kStatsWaitMs);
   std::vector<SerialLinkStats> stats;
   {
     CMutexGuard guard(&m_devices_lock);
@@ -237,7 +230,7 @@ void CSerialService::publish_stats(const DeviceList& devices, uint64_t now) {
     m_stats.clear();
     for (const CSerialLink* device : devices) m_stats.push_back(device->stats(now));
   }
-  m_stats_ready.post();
+  m_stats_request.answered();
 }
 
 void CSerialService::release_devices() {
@@ -317,7 +310,7 @@ void CSerialService::threadProc() {
         break;
       }
     }
-    if (m_stats_wanted.exchange(false)) publish_stats(devices, now);
+    if (m_stats_request.wanted()) publish_stats(devices, now);
   }
 }
 

@@ -16,12 +16,12 @@
 
 #include "common/dbus/src/dbus_message.h"
 #include "common/platform/src/lock/Mutex.h"
-#include "common/platform/src/lock/semaphore.h"
 #include "common/platform/src/thread/Thread.h"
 #include "component/config_agent.h"
 #include "component/dbus_channel.h"
 #include "service/serial_device_config.h"
 #include "service/serial_link.h"
+#include "service/snapshot_request.h"
 
 namespace Zentrova {
 namespace Iot {
@@ -110,8 +110,7 @@ class CSerialService : public Platform::CThread {
   int m_wake_fd = -1;
   // statistics() asks, the loop answers at the end of its pass: the counters
   // are its own, so the data path takes no lock.
-  std::atomic<bool> m_stats_wanted{false};
-  Platform::CSemaphore m_stats_ready;
+  CSnapshotRequest m_stats_request;
   std::vector<SerialLinkStats> m_stats;  // under m_devices_lock
   Clock m_clock;
 };
