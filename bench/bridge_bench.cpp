@@ -41,20 +41,6 @@ namespace {
 constexpr uint16_t kSocatPort = 7777;
 constexpr uint16_t kServicePort = 5656;
 
-std::FILE* g_out = stdout;
-
-void report(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-void report(const char* fmt, ...) {
-  va_list ap;
-  va_start(ap, fmt);
-  char line[512];
-  vsnprintf(line, sizeof line, fmt, ap);
-  va_end(ap);
-  fprintf(g_out, "%s\n", line);
-  fflush(g_out);
-  fprintf(stderr, "  %s\n", line);
-}
-
 inline uint8_t pattern(uint64_t off) { return static_cast<uint8_t>((off * 2654435761ULL) >> 13); }
 
 void sleep_until(double t) {
@@ -672,8 +658,7 @@ int main(int argc, char** argv) {
       return usage();
     }
   }
-  if (!out.empty()) g_out = fopen(out.c_str(), "w");
-  if (!g_out) return 1;
+  if (!out.empty() && !tc_bench::open_report(out.c_str(), "w")) return 1;
   try {
     if (command == "compare" && (socat || !cmd.empty())) return compare(socat, cmd, dir);
     if (command == "hold" && !cmd.empty()) return hold(serial, lora, dir, idle_s, load_s, cmd);

@@ -30,24 +30,11 @@
 #include "component/dbus_channel.h"
 
 using tc_bench::now_s;
+using tc_bench::report;
 using tc_bench::ProcSample;
 using tc_bench::sample_process;
 
 namespace {
-
-std::FILE* g_out = stdout;
-
-void report(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-void report(const char* fmt, ...) {
-  va_list ap;
-  va_start(ap, fmt);
-  char line[1024];
-  vsnprintf(line, sizeof line, fmt, ap);
-  va_end(ap);
-  fprintf(g_out, "%s\n", line);
-  fflush(g_out);
-  fprintf(stderr, "  %s\n", line);
-}
 
 struct Options {
   std::string bus = "unix:path=/tmp/var/run/mbusd/mbusd_socket";
@@ -270,10 +257,7 @@ int main(int argc, char** argv) {
     else if (a == "--idle") o.idle_s = atof(v.c_str());
     else return usage();
   }
-  if (!out.empty()) {
-    g_out = fopen(out.c_str(), "a");
-    if (!g_out) return 1;
-  }
+  if (!out.empty() && !tc_bench::open_report(out.c_str(), "a")) return 1;
   log_init("tc-bench-bus", 0, 0, 2);
   if (command == "calls" && !o.member.empty()) return calls(o);
   if (command == "agent" && !o.key.empty()) return agent(o);

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -13,6 +14,8 @@
 namespace tc_bench {
 
 namespace {
+
+std::FILE* g_report = stdout;
 
 long field_kb(const std::string& path, const char* key) {
   std::ifstream in(path);
@@ -67,6 +70,22 @@ ProcSample sample_process(pid_t pid) {
     closedir(tasks);
   }
   return s;
+}
+
+bool open_report(const char* path, const char* mode) {
+  g_report = fopen(path, mode);
+  return g_report != nullptr;
+}
+
+void report(const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  char line[1024];
+  vsnprintf(line, sizeof line, fmt, ap);
+  va_end(ap);
+  fprintf(g_report, "%s\n", line);
+  fflush(g_report);
+  fprintf(stderr, "  %s\n", line);
 }
 
 }  // namespace tc_bench

@@ -1,5 +1,6 @@
 #pragma once
-// What /proc tells about a bridge process: CPU time, memory, context switches.
+// What /proc tells about a bridge process: CPU time, memory, context switches;
+// and the clock and result lines every bench program shares.
 
 #include <sys/types.h>
 
@@ -24,5 +25,10 @@ ProcSample sample_process(pid_t pid);
 
 // Monotonic seconds.
 double now_s();
+
+// Result lines go to stdout, or to the file opened here ("w" or "a"), and to
+// stderr indented, so a run shows its progress.
+bool open_report(const char* path, const char* mode);
+void report(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
 }  // namespace tc_bench

@@ -92,6 +92,13 @@ set_devices() {  # serial count, lora count (files ser<i>, lora<i> in $work)
   tc-config set gw_tc_loralan_mode "$([ "$2" -gt 0 ] && echo pts || echo off)" >/dev/null
 }
 
+hold_run() {  # serial links, LoRa files, load seconds, result name
+  set_devices "$1" "$2"
+  tc-bench-bridge hold --serial "$1" --lora "$2" --dir "$work" --idle 10 --load "$3" \
+    --out "$results/$4-$1-$2.txt" -- transparent-channel
+  rm -f "$work"/ser* "$work"/lora*
+}
+
 inside() {
   # ser2net's port locks, private to this run.
   mount -t tmpfs tmpfs /run/lock
@@ -136,12 +143,8 @@ inside() {
     runs="1:0 1:1 10:10 50:0 100:0 200:0 0:250 0:500 0:1000 200:1000"
   fi
   for r in $runs; do
-    local s=${r%:*} l=${r#*:}
-    echo "== many devices: $s serial, $l LoRa" >&2
-    set_devices "$s" "$l"
-    tc-bench-bridge hold --serial "$s" --lora "$l" --dir "$work" --idle 10 --load 10 \
-      --out "$results/hold-$s-$l.txt" -- transparent-channel
-    rm -f "$work"/ser* "$work"/lora*
+    echo "== many devices: ${r%:*} serial, ${r#*:} LoRa" >&2
+    hold_run "${r%:*}" "${r#*:}" 10 hold
   done
   bus_section
   cp "$work"/*.log "$results/"
@@ -196,14 +199,10 @@ bus_section() {
 
   # Idle wake-ups with a serial link up, and with many device files (the scale
   # run's driver, without its load phase).
-  local r s l
+  local r
   for r in 1:0 0:1000 200:1000; do
-    s=${r%:*} l=${r#*:}
-    echo "== bus: idle with $s serial links, $l LoRa files" >&2
-    set_devices "$s" "$l"
-    tc-bench-bridge hold --serial "$s" --lora "$l" --dir "$work" --idle 10 --load 0 \
-      --out "$results/bus-hold-$s-$l.txt" -- transparent-channel
-    rm -f "$work"/ser* "$work"/lora*
+    echo "== bus: idle with ${r%:*} serial links, ${r#*:} LoRa files" >&2
+    hold_run "${r%:*}" "${r#*:}" 0 bus-hold
   done
 }
 
