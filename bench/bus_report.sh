@@ -13,19 +13,20 @@ verdict() {  # value, bound: met when value <= bound
   awk -v a="$1" -v b="$2" 'BEGIN { if (a == "" || b == "") print "n/a"; else print (a + 0 <= b + 0 ? "met" : "missed") }'
 }
 
-echo "### Bus round trips (µs; a plain libdbus client, 1000 calls after 50 warm-up, rounds alternate)"
+echo "### Bus round trips (µs; a plain libdbus client, 1000 calls after 50 warm-up, rounds alternate; the service has one serial link up, and in the last column its peer is gone)"
 echo
-echo "| round | anchor p50 / p99 | serial_port_connect_status p50 / p99 | notify_config p50 / p99 | get_config via the agent p50 / p99 | status, notify p50 ≤ anchor p50 | p99 < 1000 | get_config p50 < 500 |"
-echo "|---|---|---|---|---|---|---|---|"
+echo "| round | anchor p50 / p99 | serial_port_connect_status p50 / p99 | notify_config p50 / p99 | get_config via the agent p50 / p99 | status, notify p50 ≤ anchor p50 | p99 < 1000 | get_config p50 < 500 | notify_config, peer absent p50 / p99 |"
+echo "|---|---|---|---|---|---|---|---|---|"
 rounds=$(awk '$1 == "anchor_ping" { n++ } END { print n + 0 }' "$B")
 for ((k = 1; k <= rounds; k++)); do
   a50=$(nth anchor_ping p50_us $k); a99=$(nth anchor_ping p99_us $k)
   s50=$(nth service_status p50_us $k); s99=$(nth service_status p99_us $k)
   n50=$(nth service_notify p50_us $k); n99=$(nth service_notify p99_us $k)
   g50=$(nth agent_get_config p50_us $k); g99=$(nth agent_get_config p99_us $k)
+  x50=$(nth service_notify_no_peer p50_us $k); x99=$(nth service_notify_no_peer p99_us $k)
   worst50=$(awk -v a="$s50" -v b="$n50" 'BEGIN { print (a + 0 > b + 0 ? a : b) }')
   worst99=$(awk -v a="$s99" -v b="$n99" 'BEGIN { print (a + 0 > b + 0 ? a : b) }')
-  echo "| $k | $a50 / $a99 | $s50 / $s99 | $n50 / $n99 | $g50 / $g99 | $(verdict "$worst50" "$a50") | $(verdict "$worst99" 999.999) | $(verdict "$g50" 499.999) |"
+  echo "| $k | $a50 / $a99 | $s50 / $s99 | $n50 / $n99 | $g50 / $g99 | $(verdict "$worst50" "$a50") | $(verdict "$worst99" 999.999) | $(verdict "$g50" 499.999) | $x50 / $x99 |"
 done
 echo
 

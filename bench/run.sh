@@ -9,6 +9,7 @@
 #   bench/run.sh              everything
 #   bench/run.sh quick        shorter: scale series only up to 50 serial / 250 LoRa
 #   bench/run.sh bus          only the bus, start-up, idle and stop section (about 3 minutes)
+#   bench/run.sh calls        only the bus round trips (about a minute)
 #   tests/support/run_isolated.sh bench/run.sh --inside compare
 #                             (after one full run) only the socat / service
 #                             comparisons, the bridge alone and the whole path
@@ -122,7 +123,7 @@ inside() {
   sleep 0.5
   tc-config set gw_tc_loralan_down_packet_interval 100 >/dev/null
 
-  [ "$mode" = bus ] && { bus_section; cp "$work"/*.log "$results/"; return 0; }
+  [ "$mode" = bus ] || [ "$mode" = calls ] && { bus_section; cp "$work"/*.log "$results/"; return 0; }
 
   echo "== serial bridge: socat" >&2
   tc-bench-bridge compare --socat --dir "$work" --out "$results/socat.txt"
@@ -156,8 +157,13 @@ inside() {
 # the ready line, idle wake-ups per thread, SIGTERM to exit.  Repeated, the
 # anchor and the service alternating within each round.
 bus_section() {
-  local ready="start, transparent-channel startup success." bus="unix:path=$bus_dir/mbusd_socket" out="$results/bus.txt"
-  local serial_one rep
+  [ "$mode" = calls ] || bus_life
+  bus_calls
+  [ "$mode" = calls ] || bus_idle
+}
+
+bus_life() {
+  local ready="start, transparent-channel startup success." out="$results/bus.txt" rep serial_one
   serial_one="[$(serial_item "$work/ser0" ser0)]"
   echo "== bus: start-up, idle and stop, serial only" >&2
   tc-config reset >/dev/null
@@ -172,31 +178,61 @@ bus_section() {
   tc-bench-bus life --label "lora_1000" --ready "$ready" --log "$work/bus-life.log" --idle 10 --out "$out" \
     -- transparent-channel
   rm -f "$work"/lora*
+}
 
+bus_calls() {
+  local ready="start, transparent-channel startup success." bus="unix:path=$bus_dir/mbusd_socket" out="$results/bus.txt"
+  local rep port list peer=0 service anchor
+  local svc=(--dest iot.gateway.transparentchannel --path /iot/gateway/transparentchannel --iface iot.gateway.transparentchannel)
   echo "== bus: round trips" >&2
+  # One serial link, up: a gateway as it normally runs.  The far end's port
+  # is one end of a pseudo-terminal pair.
+  socat PTY,link="$work/bus-port",raw,echo=0 PTY,raw,echo=0 2>>"$work/cable.log" &
+  pids+=($!)
+  wait_for "$work/bus-port"
+  port="$(readlink -f "$work/bus-port")"
+  list="[$(serial_item "$work/bus-ser" "$port")]"
   tc-config reset >/dev/null
-  printf '%s' "$serial_one" | tc-config set gw_tc_serial_devices - >/dev/null
+  printf '%s' "$list" | tc-config set gw_tc_serial_devices - >/dev/null
   tc-config set gw_tc_loralan_mode off >/dev/null
   /usr/bin/python3 "$root/bench/bus_anchor.py" "$bus" >"$work/bus-anchor.log" 2>&1 &
-  local anchor=$!
+  anchor=$!
   pids+=($anchor)
   transparent-channel >>"$work/bus-service.log" 2>&1 &
-  local service=$!
+  service=$!
   pids+=($service)
   for _ in $(seq 1 100); do grep -q "$ready" "$work/bus-service.log" && grep -q ready "$work/bus-anchor.log" && break; sleep 0.05; done
   for rep in 1 2 3; do
+    # The peer comes back; a notification makes the service reconnect at once.
+    tc-serial-peer --bind 127.0.0.1 --allow "$port" 2>>"$work/tc-serial-peer.log" &
+    peer=$!
+    pids+=($peer)
+    local up
+    up=$(grep -c 'response code:0' "$work/bus-service.log" || true)
+    for _ in $(seq 1 100); do
+      tc-bench-bus calls --label reconnect "${svc[@]}" --member notify_config --arg gw_tc_serial_devices --arg "$list" \
+        --count 1 --out /dev/null
+      sleep 0.05
+      [ "$(grep -c 'response code:0' "$work/bus-service.log" || true)" -gt "$up" ] && break
+    done
     tc-bench-bus calls --label anchor_ping --dest tc.bench.anchor --path /tc/bench/anchor --iface tc.bench.anchor \
       --member ping --out "$out"
-    tc-bench-bus calls --label service_status --dest iot.gateway.transparentchannel --path /iot/gateway/transparentchannel \
-      --iface iot.gateway.transparentchannel --member serial_port_connect_status --out "$out"
-    tc-bench-bus calls --label service_notify --dest iot.gateway.transparentchannel --path /iot/gateway/transparentchannel \
-      --iface iot.gateway.transparentchannel --member notify_config --arg gw_tc_serial_devices --arg "$serial_one" \
-      --out "$out"
+    tc-bench-bus calls --label service_status "${svc[@]}" --member serial_port_connect_status --out "$out"
+    tc-bench-bus calls --label service_notify "${svc[@]}" --member notify_config --arg gw_tc_serial_devices \
+      --arg "$list" --out "$out"
     tc-bench-bus agent --label agent_get_config --key gw_tc_serial_devices --out "$out"
+    # Without its peer every notification also sends the serial loop to
+    # reconnect at once, on the same CPUs.
+    kill -TERM "$peer"
+    wait "$peer" 2>/dev/null || true
+    tc-bench-bus calls --label service_notify_no_peer "${svc[@]}" --member notify_config --arg gw_tc_serial_devices \
+      --arg "$list" --out "$out"
   done
   kill -TERM "$service" "$anchor"
   wait "$service" "$anchor" 2>/dev/null || true
+}
 
+bus_idle() {
   # Idle wake-ups with a serial link up, and with many device files (the scale
   # run's driver, without its load phase).
   local r
@@ -238,5 +274,5 @@ done
 # A private /tmp and loopback; the checkout and $build stay visible.
 "$root/tests/support/run_isolated.sh" --keep "$build" "$0" --inside "$mode"
 
-[ "$mode" = bus ] || "$root/bench/report.sh" "$results"
+[ "$mode" = bus ] || [ "$mode" = calls ] || "$root/bench/report.sh" "$results"
 "$root/bench/bus_report.sh" "$results"

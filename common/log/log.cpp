@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <pthread.h>
 #include <unistd.h>
 
 namespace {
@@ -19,6 +20,10 @@ std::atomic<int> g_fd{2};
 std::atomic<bool> g_enabled{true};
 std::atomic<bool> g_trace{false};
 std::atomic<bool> g_tty{false};
+// getpid() is a system call, and every line names the process: the number is
+// kept, and forgotten in a forked child.
+std::atomic<pid_t> g_pid{0};
+[[maybe_unused]] const int g_pid_forget = pthread_atfork(nullptr, nullptr, [] { g_pid.store(0, std::memory_order_relaxed); });
 std::atomic<const LogCapture*> g_capture{nullptr};
 
 // Appends text to a fixed buffer, cutting it when full.  Async-signal-safe.
@@ -117,7 +122,12 @@ size_t prefix(char* buf, size_t cap, int level, const char* color, const char* f
   c.put("Z ");
   c.put(program_name());
   c.put('[');
-  c.number(static_cast<unsigned long>(getpid()), 1);
+  pid_t pid = g_pid.load(std::memory_order_relaxed);
+  if (pid == 0) {
+    pid = getpid();
+    g_pid.store(pid, std::memory_order_relaxed);
+  }
+  c.number(static_cast<unsigned long>(pid), 1);
   c.put("]: ");
   const bool colored = g_tty.load(std::memory_order_relaxed);
   const char* on = (color && *color) ? color : level_color(level);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,8 +30,13 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::vect
   sigemptyset(&mask);
   for (int sig : blocked) sigaddset(&mask, sig);
   pthread_sigmask(SIG_BLOCK, &mask, &saved);
+  const pid_t parent = getpid();
   m_pid = fork();
   if (m_pid == 0) {
+    // A test that dies without its destructors (a sanitizer halt, an abort)
+    // takes its programs along, so nothing holds its output pipe open.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(127);
     dup2(in[0], 0);
     dup2(out[1], 1);
     dup2(out[1], 2);
@@ -113,20 +119,20 @@ bool ChildProcess::wait_exit(int timeout_ms, int* status) {
   }
 }
 
+size_t ChildProcess::matching(const std::string& substring) const {
+  size_t found = 0;
+  for (const auto& l : m_lines) found += l.find(substring) != std::string::npos;
+  return found;
+}
+
 bool ChildProcess::wait_for_line(const std::string& substring, int timeout_ms, size_t n) const {
   std::unique_lock<std::mutex> lock(m_mutex);
-  return m_changed.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] {
-    size_t found = 0;
-    for (const auto& l : m_lines) found += l.find(substring) != std::string::npos;
-    return found >= n;
-  });
+  return m_changed.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return matching(substring) >= n; });
 }
 
 size_t ChildProcess::count_lines(const std::string& substring) const {
   std::lock_guard<std::mutex> lock(m_mutex);
-  size_t found = 0;
-  for (const auto& l : m_lines) found += l.find(substring) != std::string::npos;
-  return found;
+  return matching(substring);
 }
 
 std::vector<std::string> ChildProcess::lines() const {

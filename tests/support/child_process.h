@@ -1,6 +1,7 @@
 #pragma once
 // A program started by a test, with its standard output and error merged and
-// collected line by line on a reader thread.
+// collected line by line on a reader thread.  It is killed when the thread
+// that started it ends, so start it from the test's own thread.
 
 #include <sys/types.h>
 
@@ -37,6 +38,7 @@ class ChildProcess {
 
  private:
   void read_output(int fd);
+  size_t matching(const std::string& substring) const;  // with m_mutex held
 
   pid_t m_pid = -1;
   bool m_reaped = false;

@@ -1,12 +1,13 @@
 #pragma once
 // A private dbus-daemon for one test, listening on a unix socket of its own
 // (by default in a fresh temporary directory, removed again at the end).
-// The daemon ends with the thread that started it, so start it from the
-// test's own thread, not from a short-lived helper thread.
 
-#include <sys/types.h>
+#include <signal.h>
 
+#include <memory>
 #include <string>
+
+#include "tests/support/child_process.h"
 
 namespace tc_test {
 
@@ -18,30 +19,27 @@ class DBusDaemon {
   DBusDaemon(const DBusDaemon&) = delete;
   DBusDaemon& operator=(const DBusDaemon&) = delete;
 
-  // Starts the daemon and waits (up to 10 s) until it accepts connections.
-  // An empty path puts the socket in a fresh temporary directory; a given path
-  // (its directories made as needed, a stale socket removed) serves tests of
-  // a fixed bus address.  `config_file` replaces the permissive test policy.
+  // Starts the daemon and waits (up to 10 s) until it listens.  An empty path
+  // puts the socket in a fresh temporary directory; a given path (its
+  // directories made as needed, a stale socket removed) serves tests of a
+  // fixed bus address.  `config_file` replaces the permissive test policy.
   // On false, error() says why.
   bool start(const std::string& socket_path = "", const std::string& config_file = "");
   // SIGKILL: the bus vanishes at once, as in a crash.
-  void kill();
-  // SIGTERM, then SIGKILL after 2 s; removes the socket.  Safe when not running.
-  void stop();
+  void kill() { end(SIGKILL); }
+  // SIGTERM (SIGKILL after 2 s); removes the socket.  Safe when not running.
+  void stop() { end(SIGTERM); }
 
-  bool running() const { return m_pid > 0; }
-  pid_t pid() const { return m_pid; }
+  bool running() const { return m_daemon != nullptr; }
   // "unix:path=<socket>", as clients pass it to libdbus.
   std::string address() const { return "unix:path=" + m_socket; }
   const std::string& socket_path() const { return m_socket; }
   const std::string& error() const { return m_error; }
 
  private:
-  bool fail(const std::string& why);
-  void reap(int sig, int grace_ms);
-  std::string read_log() const;
+  void end(int sig);
 
-  pid_t m_pid = -1;
+  std::unique_ptr<ChildProcess> m_daemon;
   std::string m_dir;
   std::string m_socket;
   std::string m_error;

@@ -27,36 +27,20 @@ void LogCaptureScope::clear() {
   m_lines.clear();
 }
 
-size_t LogCaptureScope::count(const std::string& text) const {
-  std::lock_guard<std::mutex> lock(m_mutex);
+size_t LogCaptureScope::matching(const std::string& text, bool prefix) const {
   size_t n = 0;
-  for (const auto& l : m_lines) n += l.text == text;
+  for (const auto& l : m_lines) n += prefix ? l.text.compare(0, text.size(), text) == 0 : l.text == text;
   return n;
 }
 
-size_t LogCaptureScope::count_prefix(const std::string& prefix) const {
+size_t LogCaptureScope::count(const std::string& text, bool prefix) const {
   std::lock_guard<std::mutex> lock(m_mutex);
-  size_t n = 0;
-  for (const auto& l : m_lines) n += l.text.compare(0, prefix.size(), prefix) == 0;
-  return n;
+  return matching(text, prefix);
 }
 
-bool LogCaptureScope::wait_for(const std::string& text, int timeout_ms, size_t n) const {
+bool LogCaptureScope::wait(const std::string& text, bool prefix, int timeout_ms, size_t n) const {
   std::unique_lock<std::mutex> lock(m_mutex);
-  return m_changed.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] {
-    size_t found = 0;
-    for (const auto& l : m_lines) found += l.text == text;
-    return found >= n;
-  });
-}
-
-bool LogCaptureScope::wait_for_prefix(const std::string& prefix, int timeout_ms, size_t n) const {
-  std::unique_lock<std::mutex> lock(m_mutex);
-  return m_changed.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] {
-    size_t found = 0;
-    for (const auto& l : m_lines) found += l.text.compare(0, prefix.size(), prefix) == 0;
-    return found >= n;
-  });
+  return m_changed.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return matching(text, prefix) >= n; });
 }
 
 std::string LogCaptureScope::dump() const {
