@@ -79,7 +79,8 @@ std::string item(const std::string& file, const std::string& eui, const std::str
 }
 
 std::string uplink(const std::string& eui, const std::string& data, int fport, const std::string& mtype = "2") {
-  return "{\"devEui\":\"" + eui + "\",\"data\":\"" + data + "\",\"mtype\":" + mtype + ",\"fport\":" + std::to_string(fport) + "}";
+  return "{\"devEui\":\"" + eui + "\",\"data\":\"" + data + "\",\"mtype\":" + mtype +
+         ",\"fport\":" + std::to_string(fport) + "}";
 }
 
 std::string data_of(const std::optional<std::string>& downlink) {
@@ -182,11 +183,13 @@ TEST_F(Lora, UplinksReachTheFilesTheirEuiAndFportAdmitAndDownlinksAreTheServersT
   const std::string a = dir.file("a"), b = dir.file("b"), c = dir.file("c");
   // a: FPort 5 only; b: the same EUI in capitals, every FPort; c: confirmed downlinks on FPort 7.
   start_bridge("[" + item(a, kEui, ",\"upFport\":5") + "," + item(b, "00AA11BB22CC33DD") + "," +
-                   item(c, kOtherEui, ",\"upFport\":-1,\"downFport\":7,\"confirmed\":true") + "]", "0", 3);
+                   item(c, kOtherEui, ",\"upFport\":-1,\"downFport\":7,\"confirmed\":true") + "]",
+               "0", 3);
   DeviceFile fa(a), fb(b), fc(c);
   for (const std::string& datagram :
        {uplink("00AA11BB22CC33DD", "414243", 6), uplink(kEui, "44", 5), uplink(kEui, "4d", 5, "4"),
-        uplink(kEui, "4e", 5, "3"), uplink(kOtherEui, "00ff", 223), uplink(kEui, "46", 224), uplink(kEui, "47", 5, "\"2\""),
+        uplink(kEui, "4e", 5, "3"), uplink(kOtherEui, "00ff", 223), uplink(kEui, "46", 224),
+        uplink(kEui, "47", 5, "\"2\""),
         "{\"result\":7,\"devEui\":\"" + kEui + "\",\"data\":\"48\",\"mtype\":2,\"fport\":5}", kOk,
         std::string("not json"), uplink(kEui, "5a", 5), uplink(kOtherEui, "5A", 1)}) {
     ASSERT_TRUE(server.send(LORA_LAN_LOCAL_PORT, datagram));
@@ -195,16 +198,18 @@ TEST_F(Lora, UplinksReachTheFilesTheirEuiAndFportAdmitAndDownlinksAreTheServersT
   EXPECT_EQ(fb.read(6, 5000), "ABCDMZ");
   EXPECT_EQ(fc.read(3, 5000), std::string("\x00\xff" "Z", 3));
   EXPECT_EQ(fa.read_for(200) + fb.read_for(0) + fc.read_for(0), "") << "nothing else trails behind";
-  for (const std::string& line : std::vector<std::string>{"recv_lora_message, lora format error fport:224", "recv_lora_message, lora format error mtype:3",
-                                  "recv_lora_message, json format error devEui:" + kEui + " data:47 mtype:-1 fport:5",
-                                  "recv_lora_message, send response error result:7"}) {
+  const std::string recv = "recv_lora_message, ";
+  for (const std::string& line : {recv + "lora format error fport:224", recv + "lora format error mtype:3",
+                                  recv + "json format error devEui:" + kEui + " data:47 mtype:-1 fport:5",
+                                  recv + "send response error result:7"}) {
     EXPECT_EQ(log.count(line), 1u) << line;
   }
   EXPECT_EQ(log.count_prefix("recv_lora_message, send response error"), 1u);
   EXPECT_EQ(log.count_prefix("threadProc, recv_lora_message error, fd:"), 3u);  // the three refusals
 
   ASSERT_TRUE(fc.write("Hi"));
-  EXPECT_EQ(server.receive().value_or(""), R"({"confirmed":"true","data":"4869","devEUI":"0102030405060708","fPort":"7","fcntd":"361"})");
+  EXPECT_EQ(server.receive().value_or(""),
+            R"({"confirmed":"true","data":"4869","devEUI":"0102030405060708","fPort":"7","fcntd":"361"})");
 
   // Fifty datagrams behind one readiness edge; 5000 bytes in one write, in pieces of at most 1024.
   std::string expected, hex, block, carried;
@@ -281,7 +286,8 @@ TEST_F(Lora, DeviceListChangesReplaceOnlyWhatChanged) {
   EXPECT_LT(text.find("add device fd:"), text.find(b_is + "11")) << text;
   DeviceFile fb(b);
   ASSERT_TRUE(fb.write("x"));
-  EXPECT_EQ(server.receive().value_or(""), R"({"confirmed":"false","data":"78","devEUI":"0102030405060708","fPort":"11","fcntd":"361"})");
+  EXPECT_EQ(server.receive().value_or(""),
+            R"({"confirmed":"false","data":"78","devEUI":"0102030405060708","fPort":"11","fcntd":"361"})");
   ASSERT_TRUE(fa.write("y"));  // a kept its file all along
   EXPECT_EQ(data_of(server.receive()), "y");
 
@@ -349,8 +355,8 @@ TEST_F(Lora, NodeStartSendsTheConfiguredRfThenTheNodeListAndARefusalReleasesTheS
   const auto request = node_service.receive();
   node_service.send(LORA_NODE_LOCAL_PORT, kOk);
   EXPECT_EQ(request.value_or(""), R"({"loranode":[{"appskey":"CD","devAddr":"0A0B0C0D","devEui":"00AA11BB22CC33DD",)"
-                                  R"("mode":"ABP","nwkskey":"AB"},{"appskey":"","devAddr":"","devEui":"0102","mode":"",)"
-                                  R"("nwkskey":""}],"method":"sync"})");
+                                  R"("mode":"ABP","nwkskey":"AB"},{"appskey":"","devAddr":"","devEui":"0102",)"
+                                  R"("mode":"","nwkskey":""}],"method":"sync"})");
   EXPECT_EQ(started.get(), 1) << log.dump();
   EXPECT_TRUE(no_more_requests());
   EXPECT_TRUE(node->rf_ready());
@@ -395,9 +401,10 @@ TEST_F(Lora, NodeChangesSendRfDefaultsForAnEmptyValueAndListsInBatchesOfAHundred
     EXPECT_EQ(done.get(), c.result);
     EXPECT_TRUE(no_more_requests());
   }
-  for (const char* line : {"set_rf, result:-100", "set_rf, string_to_json fail, str_response:busy",
-                           "deal_node_change_config, config is not array format.",
-                           "deal_node_change_config, sync_abp_node fail", "deal_node_change_config, add_abp_node fail"}) {
+  const std::string deal = "deal_node_change_config, ", rf = "set_rf, ";
+  for (const std::string& line : {rf + "result:-100", rf + "string_to_json fail, str_response:busy",
+                                  deal + "config is not array format.", deal + "sync_abp_node fail",
+                                  deal + "add_abp_node fail"}) {
     EXPECT_EQ(log.count(line), 1u) << line;
   }
   EXPECT_FALSE(node->rf_ready());
