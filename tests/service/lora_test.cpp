@@ -1,0 +1,450 @@
+// The LoRa LAN bridge and node provisioning with real parts: keys from
+// "tc-config serve" on a private bus; the test plays the LAN server
+// (127.0.0.1:18098) and the node service (127.0.0.1:16058) datagram by
+// datagram, with answers no simulator gives (late, not JSON, no result), and
+// the user of the device files (pseudo-terminals).
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <future>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "common/json/json_text.h"
+#include "component/dbus_channel.h"
+#include "service/common.h"
+#include "service/lora_lan.h"
+#include "service/lora_node.h"
+#include "service/lora_node_request.h"
+#include "tests/support/child_process.h"
+#include "tests/support/dbus_daemon.h"
+#include "tests/support/device_file.h"
+#include "tests/support/log_capture.h"
+
+using namespace std::chrono;
+using namespace Zentrova::Iot::TransparentChannel;
+using namespace Zentrova::Iot::Component;
+using tc_test::DeviceFile;
+using tc_test::path_exists;
+
+namespace {
+
+const char* const kSelf = "iot.gateway.transparentchannel";
+const char* const kDevicesKey = "gw_tc_loralan_devices";
+const char* const kIntervalKey = "gw_tc_loralan_down_packet_interval";
+const char* const kRfKey = "gw_tc_loralan_rf";
+const std::string kEui = "00aa11bb22cc33dd";
+const std::string kOtherEui = "0102030405060708";
+const std::string kOk = "{\"result\":0}";
+const std::string kDefaultRf = R"({"class-c":{"RX2Frequency":"486900000","SF":"7","TxPower":"17"},"method":"set_rf"})";
+
+// A UDP socket on 127.0.0.1:port; fd -1 when the port is taken.
+struct Udp {
+  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  static sockaddr_in at(uint16_t port) {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(port);
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return a;
+  }
+  explicit Udp(uint16_t port) {
+    const sockaddr_in a = at(port);
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) != 0) close(fd), fd = -1;
+  }
+  ~Udp() { close(fd); }
+  std::optional<std::string> receive(int ms = 5000) {
+    pollfd p{fd, POLLIN, 0};
+    char buffer[65536];
+    const ssize_t n = poll(&p, 1, ms) == 1 ? recv(fd, buffer, sizeof buffer, 0) : -1;
+    return n < 0 ? std::nullopt : std::optional<std::string>(std::string(buffer, static_cast<size_t>(n)));
+  }
+  bool send(uint16_t port, const std::string& text) {
+    const sockaddr_in a = at(port);
+    return sendto(fd, text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&a), sizeof a) > 0;
+  }
+};
+
+bool port_free(uint16_t port) { return Udp(port).fd >= 0; }
+
+std::string item(const std::string& file, const std::string& eui, const std::string& extra = "") {
+  return "{\"devFile\":\"" + file + "\",\"devEUI\":\"" + eui + "\"" + extra + "}";
+}
+
+std::string uplink(const std::string& eui, const std::string& data, int fport, const std::string& mtype = "2") {
+  return "{\"devEui\":\"" + eui + "\",\"data\":\"" + data + "\",\"mtype\":" + mtype +
+         ",\"fport\":" + std::to_string(fport) + "}";
+}
+
+std::string data_of(const std::optional<std::string>& downlink) {
+  const std::string text = downlink.value_or("(none)"), key = "\"data\":\"";
+  const size_t at = text.find(key) + key.size();
+  std::string bytes;
+  hex_to_bytes(text.substr(at, text.find('"', at) - at), bytes);
+  return bytes;
+}
+
+// "method count first-EUI" of a node list request; other text as it is.
+std::string summary(const std::string& request) {
+  Json::Value root;
+  if (!Zentrova::Iot::Platform::string_to_json(request, root) || !root.isMember("loranode")) return request;
+  const Json::Value& nodes = root["loranode"];
+  const std::string text = root["method"].asString() + " " + std::to_string(nodes.size());
+  return nodes.empty() ? text : text + " " + nodes[0]["devEui"].asString();
+}
+
+std::string nodes(int n) {
+  std::string text;
+  for (int i = 0; i < n; ++i) {
+    char eui[17];
+    snprintf(eui, sizeof eui, "%016x", i);
+    text += std::string(i ? "," : "") + "{\"devEUI\":\"" + eui + "\",\"nwkskey\":\"k\",\"mode\":\"ABP\"}";
+  }
+  return "[" + text + "]";
+}
+
+class Lora : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(daemon.start()) << daemon.error();
+    manager = std::make_unique<tc_test::ChildProcess>(std::vector<std::string>{
+        TC_BINARY_DIR "/tools/tc-config/tc-config", "serve", "--bus", daemon.address()});
+    ASSERT_TRUE(manager->wait_for_line("ready on", 10000)) << manager->output();
+    channel = std::make_unique<CDBusChannel>(daemon.address(), kSelf, "/iot/gateway/transparentchannel",
+                                             std::vector<std::string>{});
+    channel->register_signal("NameAcquired", CDBusSignalHandler());
+    agent = std::make_unique<CConfigAgent>(channel.get(), kSelf);
+    ASSERT_EQ(channel->start(), 1);
+    ASSERT_TRUE(server.fd >= 0 && node_service.fd >= 0);
+    lan = std::make_unique<CLoraLan>(agent.get());
+    node = std::make_unique<CLoraNode>(agent.get());
+  }
+  void TearDown() override {
+    if (lan) lan->stop();
+    lan.reset();
+    node.reset();
+    agent.reset();
+    if (channel) channel->stop();
+    EXPECT_EQ(log.count_prefix("stop, lora_lan_thread did not end"), 0u) << "the loop slept through its stop";
+  }
+  void set(const std::string& key, const std::string& value) {
+    ASSERT_EQ(agent->set_config(key, value, 3000, false), 0) << key;
+  }
+  bool added(size_t n = 1) { return log.wait_for_prefix("threadProc, add device fd:", 5000, n); }
+  void start_bridge(const std::string& devices, const std::string& interval, size_t files) {
+    set(kDevicesKey, devices);
+    set(kIntervalKey, interval);
+    ASSERT_EQ(lan->start(), 1) << log.dump();
+    ASSERT_TRUE(added(files)) << log.dump();
+  }
+  void notify(const std::string& key, const std::string& value) {
+    int extra = 0;
+    lan->config_change_callback(key, value, extra);
+  }
+  // One write, read by the bridge before the next: one downlink each.
+  void write_chunk(DeviceFile& file, const std::string& bytes) {
+    const size_t before = log.count_prefix("recv_file, fd:");
+    ASSERT_TRUE(file.write(bytes));
+    ASSERT_TRUE(log.wait_for_prefix("recv_file, fd:", 5000, before + 1));
+  }
+  // The node service's side of one exchange.
+  std::string serve(const std::string& answer) {
+    const auto request = node_service.receive();
+    node_service.send(LORA_NODE_LOCAL_PORT, answer);
+    return summary(request.value_or("(no request)"));
+  }
+  std::future<int> change(const std::string& key, const std::string& value) {
+    return std::async(std::launch::async, [this, key, value] {
+      int extra = 0;
+      return node->config_change_callback(key, value, extra);
+    });
+  }
+  bool no_more_requests() { return !node_service.receive(300); }
+
+  tc_test::LogCaptureScope log;  // first: outlives every thread that may log
+  tc_test::TempDir dir;
+  tc_test::DBusDaemon daemon;
+  std::unique_ptr<tc_test::ChildProcess> manager;
+  std::unique_ptr<CDBusChannel> channel;
+  std::unique_ptr<CConfigAgent> agent;
+  Udp server{LORA_LAN_SERVER_PORT}, node_service{LORA_NODE_SERVER_PORT};
+  std::unique_ptr<CLoraLan> lan;
+  std::unique_ptr<CLoraNode> node;
+};
+
+TEST_F(Lora, UplinksReachTheFilesTheirEuiAndFportAdmitAndDownlinksAreTheServersText) {
+  const std::string a = dir.file("a"), b = dir.file("b"), c = dir.file("c");
+  // a: FPort 5 only; b: the same EUI in capitals, every FPort; c: confirmed downlinks on FPort 7.
+  start_bridge("[" + item(a, kEui, ",\"upFport\":5") + "," + item(b, "00AA11BB22CC33DD") + "," +
+                   item(c, kOtherEui, ",\"upFport\":-1,\"downFport\":7,\"confirmed\":true") + "]",
+               "0", 3);
+  DeviceFile fa(a), fb(b), fc(c);
+  for (const std::string& datagram :
+       {uplink("00AA11BB22CC33DD", "414243", 6), uplink(kEui, "44", 5), uplink(kEui, "4d", 5, "4"),
+        uplink(kEui, "4e", 5, "3"), uplink(kOtherEui, "00ff", 223), uplink(kEui, "46", 224),
+        uplink(kEui, "47", 5, "\"2\""),
+        "{\"result\":7,\"devEui\":\"" + kEui + "\",\"data\":\"48\",\"mtype\":2,\"fport\":5}", kOk,
+        std::string("not json"), uplink(kEui, "5a", 5), uplink(kOtherEui, "5A", 1)}) {
+    ASSERT_TRUE(server.send(LORA_LAN_LOCAL_PORT, datagram));
+  }
+  EXPECT_EQ(fa.read(3, 5000), "DMZ");  // mtype 4 (confirmed) taken, mtype 3 refused
+  EXPECT_EQ(fb.read(6, 5000), "ABCDMZ");
+  EXPECT_EQ(fc.read(3, 5000), std::string("\x00\xff" "Z", 3));
+  EXPECT_EQ(fa.read_for(200) + fb.read_for(0) + fc.read_for(0), "") << "nothing else trails behind";
+  const std::string recv = "recv_lora_message, ";
+  for (const std::string& line : {recv + "lora format error fport:224", recv + "lora format error mtype:3",
+                                  recv + "json format error devEui:" + kEui + " data:47 mtype:-1 fport:5",
+                                  recv + "send response error result:7"}) {
+    EXPECT_EQ(log.count(line), 1u) << line;
+  }
+  EXPECT_EQ(log.count_prefix("recv_lora_message, send response error"), 1u);
+  EXPECT_EQ(log.count_prefix("threadProc, recv_lora_message error, fd:"), 3u);  // the three refusals
+
+  ASSERT_TRUE(fc.write("Hi"));
+  EXPECT_EQ(server.receive().value_or(""),
+            R"({"confirmed":"true","data":"4869","devEUI":"0102030405060708","fPort":"7","fcntd":"361"})");
+
+  // Fifty datagrams behind one readiness edge; 5000 bytes in one write, in pieces of at most 1024.
+  std::string expected, hex, block, carried;
+  for (int i = 10; i < 60; ++i, hex.clear()) {
+    bytes_to_hex(std::to_string(i), hex);
+    ASSERT_TRUE(server.send(LORA_LAN_LOCAL_PORT, uplink(kOtherEui, hex, 9)));
+    expected += std::to_string(i);
+  }
+  EXPECT_EQ(fc.read(expected.size(), 5000), expected);
+  for (int i = 0; i < 5000; ++i) block.push_back(static_cast<char>(i * 7 + i / 256));
+  ASSERT_TRUE(fa.write(block));
+  for (std::optional<std::string> sent; carried.size() < block.size(); carried += data_of(sent)) {
+    ASSERT_TRUE(sent = server.receive()) << carried.size() << " of " << block.size() << " bytes came";
+    EXPECT_LE(data_of(sent).size(), 1024u);
+  }
+  EXPECT_EQ(carried, block);
+}
+
+TEST_F(Lora, DownlinksLeaveOnePerIntervalAndAFullQueueDropsItsOldest) {
+  const std::string path = dir.file("dev");
+  start_bridge("[" + item(path, kEui) + "]", "300", 1);
+  DeviceFile file(path);
+  for (const char* chunk : {"one", "two", "three"}) write_chunk(file, chunk);
+  steady_clock::time_point last;
+  for (const char* chunk : {"one", "two", "three"}) {
+    EXPECT_EQ(data_of(server.receive()), chunk);
+    const auto gap = duration_cast<milliseconds>(steady_clock::now() - last).count();
+    EXPECT_TRUE(!last.time_since_epoch().count() || (gap >= 280 && gap <= 1500)) << gap;  // 10 ms ticks
+    last = steady_clock::now();
+  }
+  const auto zero = steady_clock::now();
+  set(kIntervalKey, "");  // 3500
+  ASSERT_TRUE(log.wait_for_prefix(std::string("deal_down_packet_interval_change_config, ") + kIntervalKey, 5000));
+  write_chunk(file, "four");
+  EXPECT_EQ(data_of(server.receive(6000)), "four");
+  const auto gap = duration_cast<milliseconds>(steady_clock::now() - zero).count();
+  EXPECT_TRUE(gap >= 3400 && gap <= 5000) << gap;
+
+  // Applied here rather than over the bus: the bus worker logs the value before it stores it.
+  int accepted = 0;
+  lan->deal_down_packet_interval_change_config(kIntervalKey, "600000", accepted);
+  EXPECT_EQ(accepted, 0);
+  const int kWrites = 40;
+  for (int i = 0; i < kWrites; ++i) write_chunk(file, "m" + std::to_string(100 + i));
+  EXPECT_FALSE(server.receive(700)) << "held back by the long interval";
+  set(kIntervalKey, "0");  // the waiting ones leave from the next check
+  std::vector<std::string> sent;
+  while (auto datagram = server.receive(1500)) sent.push_back(data_of(datagram));
+  const size_t evicted = log.count_prefix("send_lora_message, down packet queue too long");
+  EXPECT_EQ(log.count("send_lora_message, down packet queue too long, size:32"), evicted) << "never above 32";
+  EXPECT_EQ(sent.size() + evicted, static_cast<size_t>(kWrites));
+  ASSERT_EQ(sent.size(), 32u);  // the 32 newest, in order
+  for (int k = 0; k < 32; ++k) EXPECT_EQ(sent[k], "m" + std::to_string(100 + kWrites - 32 + k));
+}
+
+TEST_F(Lora, DeviceListChangesReplaceOnlyWhatChanged) {
+  const std::string a = dir.file("a"), b = dir.file("b");
+  const std::string twin = item(a, kEui, ",\"upFport\":9");  // a's file and EUI again: no file of its own
+  const std::string plain = dir.file("plain");  // never replaced by a link
+  std::ofstream(plain) << "keep";
+  start_bridge("[" + item(a, kEui) + "," + item(b, kOtherEui) + "," + twin + "," + item(plain, kEui) + "]", "0", 2);
+  EXPECT_TRUE(log.wait_for("threadProc, create_device_file fail dev_file:" + plain, 5000));
+  EXPECT_TRUE(log.contains("create_device_file, symlink error: File exists"));
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(std::ifstream(plain).rdbuf()), {}), "keep");
+  DeviceFile fa(a);
+
+  log.clear();
+  notify(kDevicesKey, "[" + item(a, kEui) + "," + item(b, kOtherEui, ",\"downFport\":11") + "]");
+  ASSERT_TRUE(added()) << log.dump();
+  EXPECT_EQ(log.count_prefix("threadProc, delete device") + log.count_prefix("threadProc, add device"), 2u);
+  const std::string b_is = ", dev_file:" + b + ", dev_eui:" + kOtherEui + ", up_fport:-1, down_fport:";
+  const std::string text = log.dump();
+  EXPECT_LT(text.find("delete device fd:"), text.find(b_is + "10")) << text;
+  EXPECT_LT(text.find("add device fd:"), text.find(b_is + "11")) << text;
+  DeviceFile fb(b);
+  ASSERT_TRUE(fb.write("x"));
+  EXPECT_EQ(server.receive().value_or(""),
+            R"({"confirmed":"false","data":"78","devEUI":"0102030405060708","fPort":"11","fcntd":"361"})");
+  ASSERT_TRUE(fa.write("y"));  // a kept its file all along
+  EXPECT_EQ(data_of(server.receive()), "y");
+
+  // Not JSON leaves no devices, nor does an empty value; the RF key is not the bridge's.
+  log.clear();
+  notify(kRfKey, "[]");
+  notify(kDevicesKey, "[{");
+  ASSERT_TRUE(log.wait_for_prefix("threadProc, delete device", 5000, 2)) << log.dump();
+  EXPECT_TRUE(log.contains("deal_device_change_config, convert to json fail."));
+  notify(kDevicesKey, "[" + item(a, kEui) + "]");
+  ASSERT_TRUE(added()) << log.dump();
+  notify(kDevicesKey, "");
+  ASSERT_TRUE(log.wait_for_prefix("threadProc, delete device", 5000, 3)) << log.dump();
+  for (int i = 0; i < 500 && (path_exists(a) || path_exists(b)); ++i) usleep(10000);
+  EXPECT_FALSE(path_exists(a) || path_exists(b));
+}
+
+TEST_F(Lora, FailedLanStartsHoldNothingAndAStopKeepsThePathsForTheNextStart) {
+  const std::string path = dir.file("dev");
+  set(kDevicesKey, "{\"devFile\":\"x\"}");
+  EXPECT_EQ(lan->start(), 0);
+  EXPECT_TRUE(log.contains("deal_device_change_config, config is not array format."));
+  EXPECT_TRUE(port_free(LORA_LAN_LOCAL_PORT));
+
+  set(kDevicesKey, "[" + item(path, kEui) + "," + item("", kOtherEui) + ",{\"devFile\":\"" + path + "2\"}]");
+  set(kIntervalKey, "250ms");  // leading digits count
+  ASSERT_EQ(lan->start(), 1) << log.dump();
+  EXPECT_EQ(log.count_prefix("deal_device_change_config, parameter error item[1]:") +
+                log.count_prefix("deal_device_change_config, parameter error item[2]:"), 2u);
+  EXPECT_TRUE(log.contains("deal_device_change_config, load device pair " + path + ":" + kEui + " -1 10 false"));
+  ASSERT_TRUE(added()) << log.dump();
+  log.clear();
+  EXPECT_EQ(lan->start(), 1);
+  EXPECT_EQ(log.count_prefix("start,"), 0u) << "running: nothing read again";
+
+  lan->stop();
+  EXPECT_TRUE(port_free(LORA_LAN_LOCAL_PORT));
+  EXPECT_TRUE(path_exists(path));
+  set(kIntervalKey, "5");
+  EXPECT_FALSE(log.wait_for_prefix("deal_down_packet_interval_change_config", 500)) << "unsubscribed";
+  ASSERT_EQ(lan->start(), 1);
+  ASSERT_TRUE(added()) << log.dump();
+  DeviceFile file(path);
+  ASSERT_TRUE(server.send(LORA_LAN_LOCAL_PORT, uplink(kEui, "616761696e", 3)));
+  EXPECT_EQ(file.read(5, 5000), "again");
+}
+
+TEST_F(Lora, NodeStartSendsTheConfiguredRfThenTheNodeListAndARefusalReleasesTheSocket) {
+  set(kDevicesKey, nodes(1));
+  auto started = std::async(std::launch::async, [this] { return node->start(); });
+  EXPECT_EQ(serve("{\"result\":4}"), "sync 0");
+  EXPECT_EQ(started.get(), 0);
+  EXPECT_TRUE(log.contains("start, deal_node_change_config fail."));
+  EXPECT_TRUE(port_free(LORA_NODE_LOCAL_PORT));
+  set(kRfKey, "{");
+  EXPECT_EQ(node->start(), 0);
+  EXPECT_TRUE(log.contains("deal_rf_change_config, string_to_json fail."));
+
+  set(kRfKey, R"({"class-c":{"RX2Frequency":"868100000","TxPower":"20","SF":"9"}})");
+  set(kDevicesKey, R"([{"devFile":"/dev/lora0","devEUI":"00aa11bb22cc33dd","devAddr":"0a0b0c0d","nwkskey":"ab",)"
+                   R"("appskey":"cd","mode":"abp"},{"devFile":"/dev/lora1","devEUI":"0102"}])");
+  started = std::async(std::launch::async, [this] { return node->start(); });
+  EXPECT_EQ(serve(kOk), R"({"class-c":{"RX2Frequency":"868100000","SF":"9","TxPower":"20"},"method":"set_rf"})");
+  EXPECT_EQ(serve(kOk), "sync 0");
+  const auto request = node_service.receive();
+  node_service.send(LORA_NODE_LOCAL_PORT, kOk);
+  EXPECT_EQ(request.value_or(""), R"({"loranode":[{"appskey":"CD","devAddr":"0A0B0C0D","devEui":"00AA11BB22CC33DD",)"
+                                  R"("mode":"ABP","nwkskey":"AB"},{"appskey":"","devAddr":"","devEui":"0102",)"
+                                  R"("mode":"","nwkskey":""}],"method":"sync"})");
+  EXPECT_EQ(started.get(), 1) << log.dump();
+  EXPECT_TRUE(no_more_requests());
+  EXPECT_TRUE(node->rf_ready());
+  EXPECT_TRUE(log.contains("sync_abp_node, count:2, response:{\"result\":0}"));
+  node->close_socket();
+  EXPECT_TRUE(port_free(LORA_NODE_LOCAL_PORT));
+
+  // Without the configuration manager the start fails; requests fail on the closed socket.
+  manager.reset();
+  EXPECT_EQ(node->start(), 0);
+  EXPECT_TRUE(log.contains("start, get config [gw_tc_loralan_rf] fail."));
+  EXPECT_EQ(change(kRfKey, "").get(), 0);
+  EXPECT_TRUE(log.contains("udp_node_send_and_recv, send_udp fail, iret:-1"));
+}
+
+TEST_F(Lora, NodeChangesSendRfDefaultsForAnEmptyValueAndListsInBatchesOfAHundred) {
+  EXPECT_EQ(node->start(), 1);
+  EXPECT_TRUE(no_more_requests()) << "empty values send nothing at start";
+  const std::string sync100 = "sync 100 0000000000000000";
+  const struct {
+    const char* key;
+    std::string value;
+    std::vector<std::pair<std::string, std::string>> exchanges;  // request (or its summary), answer
+    int result;  // device lists answer 0 whatever happens
+  } cases[] = {
+      {kRfKey, "", {{kDefaultRf, kOk}}, 1},
+      {kRfKey, R"({"class-c":{"RX2Frequency":"868500000","SF":9}})",
+       {{R"({"class-c":{"RX2Frequency":"868500000","SF":"","TxPower":""},"method":"set_rf"})", "{\"answer\":0}"}}, 0},
+      {kRfKey, "", {{kDefaultRf, "busy"}}, 0},
+      {kRfKey, "class-c", {}, 0},
+      {kDevicesKey, nodes(100), {{"sync 0", kOk}, {sync100, kOk}}, 0},
+      {kDevicesKey, "[]", {{"sync 0", kOk}}, 0},
+      {kDevicesKey, "", {{"sync 0", kOk}}, 0},
+      {kDevicesKey, R"({"devEUI":"01"})", {}, 0},
+      {kDevicesKey, nodes(250), {{"sync 0", kOk}, {sync100, "{\"result\":3}"}}, 0},
+      {kDevicesKey, nodes(250), {{"sync 0", kOk}, {sync100, kOk}, {"add 100 0000000000000064", "{}"}}, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.value.substr(0, 60));
+    auto done = change(c.key, c.value);
+    for (const auto& [request, answer] : c.exchanges) EXPECT_EQ(serve(answer), request);
+    EXPECT_EQ(done.get(), c.result);
+    EXPECT_TRUE(no_more_requests());
+  }
+  const std::string deal = "deal_node_change_config, ", rf = "set_rf, ";
+  for (const std::string& line : {rf + "result:-100", rf + "string_to_json fail, str_response:busy",
+                                  deal + "config is not array format.", deal + "sync_abp_node fail",
+                                  deal + "add_abp_node fail"}) {
+    EXPECT_EQ(log.count(line), 1u) << line;
+  }
+  EXPECT_FALSE(node->rf_ready());
+}
+
+TEST_F(Lora, ASilentNodeServiceCostsTenSecondsALateAnswerIsDroppedAndACloseEndsTheWait) {
+  EXPECT_EQ(node->start(), 1);
+  const auto begin = steady_clock::now();
+  auto done = change(kRfKey, "");
+  ASSERT_TRUE(node_service.receive());
+  EXPECT_EQ(done.get(), 0);
+  const auto waited = duration_cast<milliseconds>(steady_clock::now() - begin).count();
+  EXPECT_TRUE(waited >= 9900 && waited <= 12000) << waited;
+  EXPECT_TRUE(log.contains("set_rf, udp_node_send_and_recv fail"));
+
+  // Too late: waiting on the socket, it must not pass for the next answer.
+  ASSERT_TRUE(node_service.send(LORA_NODE_LOCAL_PORT, "{\"result\":9}"));
+  done = change(kRfKey, "");
+  EXPECT_EQ(serve(kOk), kDefaultRf);
+  EXPECT_EQ(done.get(), 1);
+
+  // A close while a request waits ends that wait before the descriptor goes.
+  std::atomic<long> waiter{0};
+  done = std::async(std::launch::async, [&] {
+    waiter = syscall(SYS_gettid);
+    int extra = 0;
+    return node->config_change_callback(kRfKey, "", extra);
+  });
+  ASSERT_TRUE(node_service.receive());
+  long call = -1;
+  for (int i = 0; i < 500 && call != SYS_recvfrom; ++i, std::this_thread::sleep_for(milliseconds(10))) {
+    std::ifstream("/proc/self/task/" + std::to_string(waiter.load()) + "/syscall") >> call;
+  }
+  ASSERT_EQ(call, SYS_recvfrom) << "the request never waited";
+  const auto closing = steady_clock::now();
+  node->close_socket();
+  EXPECT_LT(duration_cast<milliseconds>(steady_clock::now() - closing).count(), 1000);
+  EXPECT_EQ(log.count("udp_node_send_and_recv, recv_udp fail, iret:-1"), 2u) << "ended before the close returned";
+  EXPECT_EQ(node->start(), 1) << log.dump();
+  EXPECT_EQ(done.get(), 0);
+}
+
+}  // namespace
