@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -13,10 +12,12 @@
 #include <thread>
 
 #include "common/json/json_text.h"
+#include "service/common.h"
 
 namespace e2e {
 
-const char* const kStartLine = " I main: transparent-channel start.";
+const char* const kEui = "00aa11bb22cc33dd";
+const char* const kRf = R"({"class-c":{"RX2Frequency":"486900000","TxPower":"17","SF":"7"}})";
 const char* const kReadyLine = " I start: start, transparent-channel startup success.";
 const char* const kExitLine = " I main: transparent-channel exit.";
 const char* const kDisconnectLine =
@@ -29,44 +30,23 @@ using tc_test::ChildProcess;
 
 const std::string kService = TC_BINARY_DIR "/service/transparent-channel";
 const std::string kConfigTool = TC_BINARY_DIR "/tools/tc-config/tc-config";
-const std::string kLoraSim = TC_BINARY_DIR "/tools/tc-lora-sim/tc-lora-sim";
-const std::string kSerialPeer = TC_BINARY_DIR "/tools/tc-serial-peer/tc-serial-peer";
 const std::string kBusSocket = "/tmp/var/run/mbusd/mbusd_socket";
 const std::string kServiceName = "iot.gateway.transparentchannel";
-const std::string kObjectPath = "/iot/gateway/transparentchannel";
-constexpr int kReadyMs = 10000 * kSlowdown;
-
-// dbus-send from the PATH; ChildProcess runs programs by their full name.
-std::string dbus_send() {
-  const char* path = std::getenv("PATH");
-  std::stringstream dirs(path ? path : "/usr/bin:/bin");
-  std::string dir;
-  while (std::getline(dirs, dir, ':')) {
-    const std::string candidate = dir + "/dbus-send";
-    if (access(candidate.c_str(), X_OK) == 0) return candidate;
-  }
-  return "/usr/bin/dbus-send";
-}
-
-std::unique_ptr<ChildProcess> run(const std::vector<std::string>& argv) {
-  return std::make_unique<ChildProcess>(argv);
-}
 
 }  // namespace
-
-Gateway::Gateway() = default;
-
-// Members go in reverse order: the service first, the bus last.
-Gateway::~Gateway() = default;
 
 bool Gateway::fail(const std::string& why) {
   m_error = why;
   return false;
 }
 
-bool Gateway::start_bus() {
-  if (!m_bus.start(kBusSocket)) return fail("dbus-daemon: " + m_bus.error());
-  return true;
+bool Gateway::start_bus() { return m_bus.start(kBusSocket) || fail("dbus-daemon: " + m_bus.error()); }
+
+bool Gateway::start(std::unique_ptr<ChildProcess>& slot, std::vector<std::string> argv,
+                    const std::vector<std::string>& options, const char* ready) {
+  argv.insert(argv.end(), options.begin(), options.end());
+  slot = std::make_unique<ChildProcess>(argv);
+  return slot->wait_for_line(ready, kWaitMs) || fail(argv[0] + ": " + slot->output());
 }
 
 bool Gateway::start_manager(const Keys& keys) {
@@ -74,73 +54,57 @@ bool Gateway::start_manager(const Keys& keys) {
   for (const auto& [key, value] : keys) store[key] = value;
   std::string text;
   Zentrova::Iot::Platform::json_to_string(store, text, true);
-  const std::string file = path("store.json");
-  std::ofstream(file) << text << '\n';
-  m_manager = run({kConfigTool, "serve", "--store", file});
-  if (!m_manager->wait_for_line("ready on", kReadyMs)) return fail("tc-config serve: " + m_manager->output());
-  return true;
+  std::ofstream(path("store.json")) << text << '\n';
+  return start(m_manager, {kConfigTool, "serve", "--store", path("store.json")}, {}, "ready on");
 }
 
 bool Gateway::start_lora_sim(const std::vector<std::string>& options) {
-  std::vector<std::string> argv{kLoraSim};
-  argv.insert(argv.end(), options.begin(), options.end());
-  m_lora_sim = run(argv);
-  if (!m_lora_sim->wait_for_line("ready:", kReadyMs)) return fail("tc-lora-sim: " + m_lora_sim->output());
-  return true;
+  return start(m_lora_sim, {TC_BINARY_DIR "/tools/tc-lora-sim/tc-lora-sim"}, options, "ready:");
 }
 
 bool Gateway::start_serial_peer(const std::string& ip, const std::vector<std::string>& options) {
-  // The remote ports of the tests are pseudo-terminals, which the peer does not open by default.
-  std::vector<std::string> argv{kSerialPeer, "--bind", ip, "--keepalive", "1", "--allow", "/dev/pts/*"};
-  argv.insert(argv.end(), options.begin(), options.end());
-  m_serial_peers.push_back(run(argv));
-  if (!m_serial_peers.back()->wait_for_line("listening on", kReadyMs)) {
-    return fail("tc-serial-peer: " + m_serial_peers.back()->output());
-  }
-  return true;
+  m_serial_peers.emplace_back();
+  return start(m_serial_peers.back(), {TC_BINARY_DIR "/tools/tc-serial-peer/tc-serial-peer", "--bind", ip, "--keepalive", "1"},
+               options, "listening on");
 }
 
 bool Gateway::start_service(const std::vector<std::string>& wrapper) {
   std::vector<std::string> argv = wrapper;
   argv.push_back(kService);
-  m_service = run(argv);
+  m_service = std::make_unique<ChildProcess>(argv);
   return m_service->started() || fail("transparent-channel did not start");
 }
 
 bool Gateway::wait_ready() {
-  if (!m_service->wait_for_line(kReadyLine, 3 * kReadyMs)) return fail("no start-up:\n" + m_service->output());
-  return true;
+  return m_service->wait_for_line(kReadyLine, 3 * kWaitMs) || fail("no start-up:\n" + m_service->output());
 }
 
-bool Gateway::start_all(const Keys& keys, const std::vector<std::string>& sim_options) {
-  return start_bus() && start_manager(keys) && start_lora_sim(sim_options) && start_serial_peer("127.0.0.2") &&
+bool Gateway::start_all(const Keys& keys) {
+  return start_bus() && start_manager(keys) && start_lora_sim() && start_serial_peer("127.0.0.2") &&
          start_service() && wait_ready();
 }
 
 std::optional<std::string> Gateway::call(const std::string& member) {
-  ChildProcess tool({dbus_send(), "--bus=unix:path=" + kBusSocket, "--print-reply", "--reply-timeout=5000",
-                     "--dest=" + kServiceName, kObjectPath, kServiceName + "." + member});
+  ChildProcess tool({on_path("dbus-send"), "--bus=unix:path=" + kBusSocket, "--print-reply", "--reply-timeout=5000",
+                     "--dest=" + kServiceName, "/iot/gateway/transparentchannel", kServiceName + "." + member});
   int status = 0;
-  if (!tool.wait_exit(10000 * kSlowdown, &status) || tc_test::exit_code(status) != 0) return std::nullopt;
+  if (!tool.wait_exit(kWaitMs, &status) || tc_test::exit_code(status) != 0) return std::nullopt;
   return tool.output();
 }
 
 std::optional<std::string> Gateway::status() {
   const auto reply = call("serial_port_connect_status");
-  if (!reply) return std::nullopt;
   // dbus-send prints the string raw between quotes, newlines included.
-  const size_t open = reply->find("string \"");
-  const size_t close = reply->rfind('"');
-  if (open == std::string::npos || close < open + 8) return std::nullopt;
-  return reply->substr(open + 8, close - open - 8);
+  const size_t open = reply ? reply->find("string \"") : std::string::npos;
+  if (open == std::string::npos || reply->rfind('"') < open + 8) return std::nullopt;
+  return reply->substr(open + 8, reply->rfind('"') - open - 8);
 }
 
 bool Gateway::wait_status(const std::string& expected, int timeout_ms, std::string* last) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
   for (;;) {
-    const auto answer = status();
-    if (last) *last = answer.value_or("(no answer)");
-    if (answer == expected) return true;
+    *last = status().value_or("(no answer)");
+    if (*last == expected) return true;
     if (std::chrono::steady_clock::now() >= end) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
@@ -150,32 +114,25 @@ int Gateway::set_config(const std::string& key, const std::string& value) {
   // A value that would read as an option goes through standard input.
   const bool piped = !value.empty() && value[0] == '-';
   ChildProcess tool({kConfigTool, "set", key, piped ? "-" : value});
-  if (piped) {
-    tool.write_input(value);
-    tool.close_input();
-  }
+  if (piped) tool.write_input(value);
+  tool.close_input();
   int status = 0;
-  if (!tool.wait_exit(10000 * kSlowdown, &status)) return -1;
-  return tc_test::exit_code(status);
+  return tool.wait_exit(kWaitMs, &status) ? tc_test::exit_code(status) : -1;
 }
 
-bool Gateway::wait_thread_in(long number, int timeout_ms, bool main) {
+bool Gateway::wait_thread_in(long number, bool main) {
   const std::string pid = std::to_string(m_service->pid());
-  const std::string tasks = "/proc/" + pid + "/task";
   // "<number> <arguments...>" while in a call; "running" or "-1 ..." otherwise.
   const auto in_call = [number](const std::string& file) {
     long current = -1;
     return (std::ifstream(file) >> current) && current == number;
   };
-  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
   while (std::chrono::steady_clock::now() < end) {
-    if (main) {
-      if (in_call("/proc/" + pid + "/syscall")) return true;
-    } else {
-      std::error_code error;
-      for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
-        if (task.path().filename() != pid && in_call(task.path().string() + "/syscall")) return true;
-      }
+    if (main && in_call("/proc/" + pid + "/syscall")) return true;
+    std::error_code error;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/" + pid + "/task", error)) {
+      if (!main && task.path().filename() != pid && in_call(task.path().string() + "/syscall")) return true;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
@@ -218,6 +175,24 @@ void expect_bounded_stop(Gateway& gw) {
   EXPECT_LT(exit.ms, kShutdownBoundMs);
 }
 
+std::string on_path(const std::string& name) {
+  const char* path = std::getenv("PATH");
+  std::stringstream dirs(path ? path : "/usr/bin:/bin");
+  std::string dir;
+  while (std::getline(dirs, dir, ':')) {
+    if (access((dir + "/" + name).c_str(), X_OK) == 0) return dir + "/" + name;
+  }
+  return "/usr/bin/" + name;
+}
+
+std::string run(const std::vector<std::string>& argv) {
+  ChildProcess command(argv);
+  int status = -1;
+  EXPECT_TRUE(command.wait_exit(kWaitMs, &status)) << argv[0];
+  EXPECT_EQ(tc_test::exit_code(status), 0) << argv[0] << ": " << command.output();
+  return command.output();
+}
+
 std::string status_line(const std::string& local, const std::string& ip, const std::string& remote, bool connected) {
   return std::string(connected ? "\033[32m[" : "\033[33m[") + local + "] <--> [" + ip + ":" + remote + "], " +
          (connected ? "Connect Successfully" : "Connect Failed") + "\033[0m\n";
@@ -230,14 +205,15 @@ int find_line(const std::vector<std::string>& lines, const std::string& text, in
   return -1;
 }
 
-std::string serial_device(const std::string& local, const std::string& ip, const std::string& remote) {
+std::string serial_device(const std::string& local, const std::string& ip, const std::string& remote, int baud,
+                          const char* bits, int flow) {
   return "{\"local_device\":\"" + local + "\",\"remote_device\":{\"ip\":\"" + ip + "\",\"device\":\"" + remote +
-         "\",\"baud_rate\":115200,\"data_bit\":8,\"stop_bit\":1,\"parity\":\"N\",\"flow_control\":0}}";
+         "\",\"baud_rate\":" + std::to_string(baud) + ",\"data_bit\":" + bits[0] + ",\"stop_bit\":" + bits[2] +
+         ",\"parity\":\"" + bits[1] + "\",\"flow_control\":" + std::to_string(flow) + "}}";
 }
 
 std::string lora_device(const std::string& file, const std::string& eui) {
-  const std::string address = eui.substr(eui.size() - 8);
-  return "{\"devFile\":\"" + file + "\",\"devEUI\":\"" + eui + "\",\"devAddr\":\"" + address +
+  return "{\"devFile\":\"" + file + "\",\"devEUI\":\"" + eui + "\",\"devAddr\":\"" + eui.substr(eui.size() - 8) +
          "\",\"nwkskey\":\"2b7e151628aed2a6abf7158809cf4f3c\",\"appskey\":\"000102030405060708090a0b0c0d0e0f\","
          "\"mode\":\"ABP\"}";
 }
@@ -246,6 +222,12 @@ std::string json_array(const std::vector<std::string>& items) {
   std::string text = "[";
   for (size_t i = 0; i < items.size(); ++i) text += (i ? "," : "") + items[i];
   return text + "]";
+}
+
+std::string hex(const std::string& bytes) {
+  std::string text;
+  Zentrova::Iot::TransparentChannel::bytes_to_hex(bytes, text);
+  return text;
 }
 
 }  // namespace e2e

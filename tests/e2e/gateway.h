@@ -1,7 +1,7 @@
 #pragma once
 // One gateway for one end-to-end test, every part a real program: a message
 // bus at the service's fixed address, the development configuration manager
-// seeded with the test's keys, the LoRa simulator, a serial peer, and the
+// seeded with the test's keys, the LoRa simulator, serial peers, and the
 // built service.  Device files go to a directory of the test's own.
 
 #include <chrono>
@@ -12,9 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "tests/service/lora_test_support.h"
+#include "tests/e2e/remote_port.h"
 #include "tests/support/child_process.h"
 #include "tests/support/dbus_daemon.h"
+#include "tests/support/device_file.h"
 
 namespace e2e {
 
@@ -24,15 +25,19 @@ constexpr int kSlowdown = 3;
 constexpr int kSlowdown = 1;
 #endif
 
+constexpr int kWaitMs = 10000 * kSlowdown;
 // Shutdown never waits long: each thread stops within 3 s, and a healthy
 // service needs far less, so this bound catches a hang or a stuck thread.
 constexpr int kShutdownBoundMs = 6000 * kSlowdown;
 
-// Service log texts the tests wait for.
-extern const char* const kStartLine;
+extern const char* const kEui;
+extern const char* const kRf;
 extern const char* const kReadyLine;
 extern const char* const kExitLine;
 extern const char* const kDisconnectLine;
+
+using tc_test::DeviceFile;
+using tc_test::path_exists;
 
 struct ExitResult {
   bool exited = false;
@@ -44,32 +49,24 @@ class Gateway {
  public:
   using Keys = std::map<std::string, std::string>;
 
-  Gateway();
-  // Kills whatever still runs; removes the device directory.
-  ~Gateway();
-  Gateway(const Gateway&) = delete;
-  Gateway& operator=(const Gateway&) = delete;
-
-  // A path in the test's own directory.
   std::string path(const std::string& name) const { return m_dir.file(name); }
 
   // Each start waits until the part is ready; on false, error() says why.
   bool start_bus();
-  // SIGKILL: the bus vanishes at once.
   void kill_bus() { m_bus.kill(); }
   // "tc-config serve --store FILE", FILE holding `keys`.
   bool start_manager(const Keys& keys);
   bool start_lora_sim(const std::vector<std::string>& options = {});
-  // "tc-serial-peer --bind ip --keepalive 1 --allow /dev/pts/* OPTIONS";
-  // peers are numbered in the order they start.
-  bool start_serial_peer(const std::string& ip, const std::vector<std::string>& options = {});
+  // "tc-serial-peer --bind IP --keepalive 1 OPTIONS"; by default it allows
+  // the tests' remote ports, pseudo-terminals.
+  bool start_serial_peer(const std::string& ip, const std::vector<std::string>& options = {"--allow", "/dev/pts/*"});
   // Starts the service without waiting for anything; `wrapper` (a command
   // that runs the rest of its line) goes in front of it.
   bool start_service(const std::vector<std::string>& wrapper = {});
   bool wait_ready();
   // Bus, manager, LoRa simulator, serial peer on 127.0.0.2, then the service,
   // until it reports its start-up done.
-  bool start_all(const Keys& keys, const std::vector<std::string>& sim_options = {});
+  bool start_all(const Keys& keys);
   const std::string& error() const { return m_error; }
 
   tc_test::ChildProcess& service() { return *m_service; }
@@ -78,19 +75,17 @@ class Gateway {
   tc_test::ChildProcess& serial_peer(size_t i = 0) { return *m_serial_peers.at(i); }
 
   // A method call on the service's object through dbus-send; the printed
-  // reply (header line included), or nothing when dbus-send failed.
+  // reply, or nothing when dbus-send failed.
   std::optional<std::string> call(const std::string& member);
   // The string that "serial_port_connect_status" returns.
   std::optional<std::string> status();
-  // Polls the status until it equals `expected`; the last answer otherwise.
   bool wait_status(const std::string& expected, int timeout_ms, std::string* last);
   // "tc-config set KEY VALUE" as a user would type it; the exit status.
   int set_config(const std::string& key, const std::string& value);
 
   // Waits until the service's main thread (or, with `main` false, any other
-  // thread) sleeps in system call `number` (from /proc), so that what the
-  // test does next finds it inside that call.
-  bool wait_thread_in(long number, int timeout_ms, bool main = true);
+  // thread) sleeps in system call `number`.
+  bool wait_thread_in(long number, bool main = true);
 
   // Sends `sig` and waits for the service to end.
   ExitResult stop_service(int sig);
@@ -99,12 +94,14 @@ class Gateway {
 
  private:
   bool fail(const std::string& why);
+  // Starts `argv` and `options` into `slot` and waits for the `ready` line.
+  bool start(std::unique_ptr<tc_test::ChildProcess>& slot, std::vector<std::string> argv,
+             const std::vector<std::string>& options, const char* ready);
   ExitResult wait_exit_since(std::chrono::steady_clock::time_point since);
 
-  lora_test::TempDir m_dir;
+  tc_test::TempDir m_dir;
   tc_test::DBusDaemon m_bus;
-  std::unique_ptr<tc_test::ChildProcess> m_manager;
-  std::unique_ptr<tc_test::ChildProcess> m_lora_sim;
+  std::unique_ptr<tc_test::ChildProcess> m_manager, m_lora_sim;
   std::vector<std::unique_ptr<tc_test::ChildProcess>> m_serial_peers;
   std::unique_ptr<tc_test::ChildProcess> m_service;
   std::string m_error;
@@ -113,17 +110,22 @@ class Gateway {
 // SIGTERM, then exit status 0 within the shutdown bound (gtest expectations).
 void expect_bounded_stop(Gateway& gw);
 
+// A program from the PATH, by its full name.
+std::string on_path(const std::string& name);
+// Runs a command to its end (exit status 0 expected); its output.
+std::string run(const std::vector<std::string>& argv);
+
 // A line of "serial_port_connect_status": green when connected, else yellow.
 std::string status_line(const std::string& local, const std::string& ip, const std::string& remote, bool connected);
-
 // Index of the first line from `from` on that contains `text`, or -1.
 int find_line(const std::vector<std::string>& lines, const std::string& text, int from = 0);
 
-// One item of "gw_tc_serial_devices" (115200 8N1, no flow control).
-std::string serial_device(const std::string& local, const std::string& ip, const std::string& remote);
+// One item of "gw_tc_serial_devices"; `bits` as in "8N1", `flow` 1 for RTS/CTS.
+std::string serial_device(const std::string& local, const std::string& ip, const std::string& remote,
+                          int baud = 115200, const char* bits = "8N1", int flow = 0);
 // One item of "gw_tc_loralan_devices" with ABP keys derived from the EUI.
 std::string lora_device(const std::string& file, const std::string& eui);
-// Items joined into a JSON array.
 std::string json_array(const std::vector<std::string>& items);
+std::string hex(const std::string& bytes);
 
 }  // namespace e2e

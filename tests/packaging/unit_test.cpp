@@ -129,7 +129,7 @@ TEST_F(Unit, TheServiceDoesItsJobInItsSandbox) {
   std::string last;
   EXPECT_TRUE(gw.wait_status(connected, 10000 * e2e::kSlowdown, &last)) << last;
   EXPECT_TRUE(gw.service().wait_for_line("symlink error: Read-only file system", 5000)) << gw.service().output();
-  EXPECT_TRUE(lora_test::path_exists(gw.path("lora1")));
+  EXPECT_TRUE(e2e::path_exists(gw.path("lora1")));
   e2e::expect_bounded_stop(gw);
   rmdir(elsewhere.c_str());
 }

@@ -1,0 +1,257 @@
+// The built service at work: serial links through serial peers to
+// pseudo-terminal "remote ports", LoRa traffic and node provisioning against
+// the LoRa simulator, and configuration changes typed with tc-config while it
+// runs.
+
+#include <gtest/gtest.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "service/common.h"
+#include "tests/e2e/gateway.h"
+
+using namespace e2e;
+using Zentrova::Iot::TransparentChannel::to_upper;
+
+namespace {
+
+std::string random_bytes(size_t n, unsigned seed) {
+  std::mt19937 dice(seed);
+  std::string bytes(n, '\0');
+  for (auto& b : bytes) b = static_cast<char>(dice() & 0xFF);
+  return bytes;
+}
+
+// Every link's state on the bus, and why each peer refused what it did: one
+// peer allows the test's pseudo-terminals, /dev/null and a folder, the other
+// only what it allows by default (serial ports), and one address has none.
+TEST(Serial, StatusShowsEachLinkAndEveryRefusalItsReason) {
+  Gateway gw;
+  RemotePort port, other;
+  const std::string dir = gw.path("d");
+  ASSERT_TRUE(std::filesystem::create_directory(dir));
+  ASSERT_EQ(symlink("/etc/passwd", (dir + "/passwd").c_str()), 0);
+  ASSERT_EQ(symlink(other.path().c_str(), (dir + "/serial").c_str()), 0);
+  ASSERT_TRUE(std::ofstream(dir + "/plain") << "x");
+  const std::string refused = ": not an allowed serial port";
+  const struct {
+    const char* ip;
+    std::string remote;
+    int baud, code;  // code -1: no answer
+    std::string message;
+  } links[] = {
+      {"127.0.0.2", port.path(), 19200, 0, "opened " + port.path() + " 19200 7E2 rtscts"},
+      {"127.0.0.2", dir + "/missing", 9600, 2, dir + "/missing: No such file or directory"},
+      {"127.0.0.2", "tc-no-such-port", 9600, 13, "/dev/tc-no-such-port" + refused},
+      {"127.0.0.2", "/dev/null", 9600, 25, "/dev/null: Inappropriate ioctl for device"},
+      {"127.0.0.2", "../../etc/shadow", 9600, 13, "/dev/../../etc/shadow" + refused},
+      {"127.0.0.2", "/dev/pts/../watchdog", 9600, 13, "/dev/pts/../watchdog" + refused},
+      {"127.0.0.2", "/dev/vda", 9600, 13, "/dev/vda" + refused},
+      {"127.0.0.2", dir + "/passwd", 9600, 13, dir + "/passwd" + refused + " (/etc/passwd)"},
+      {"127.0.0.2", dir + "/plain", 9600, 13, dir + "/plain: not a character device"},
+      {"127.0.0.2", other.path(), 12345, 22, "unsupported baud rate 12345"},
+      {"127.0.0.3", other.path(), 9600, 13, other.path() + refused},
+      {"127.0.0.3", dir + "/serial", 9600, 13, dir + "/serial" + refused + " (" + other.path() + ")"},
+      {"127.0.0.3", "/dev/tty", 9600, 13, "/dev/tty: a console, not a serial port"},
+      {"127.0.0.3", "ttyNoSuchPort", 9600, 2, "/dev/ttyNoSuchPort: No such file or directory"},
+      {"127.0.0.4", "ttyS0", 9600, -1, ""},
+  };
+  std::vector<std::string> items;
+  std::string expected;
+  for (const auto& l : links) {
+    const std::string local = gw.path("ttyV" + std::to_string(items.size()));
+    items.push_back(serial_device(local, l.ip, l.remote, l.baud, l.code ? "8N1" : "7E2", l.code ? 0 : 1));
+    expected += status_line(local, l.ip, l.remote, l.code == 0);
+  }
+  ASSERT_TRUE(gw.start_bus() && gw.start_manager({{"gw_tc_serial_devices", json_array(items)}}) &&
+              gw.start_lora_sim() &&
+              gw.start_serial_peer("127.0.0.2", {"--allow", "/dev/pts/*", "--allow", "/dev/null", "--allow", dir + "/*"}) &&
+              gw.start_serial_peer("127.0.0.3", {}) && gw.start_service() && gw.wait_ready())
+      << gw.error();
+  for (const auto& l : links) {
+    if (l.code < 0) continue;
+    EXPECT_TRUE(gw.service().wait_for_line(
+        "deal message, response code:" + std::to_string(l.code) + ", message:" + l.message + ", fd:", kWaitMs))
+        << l.message << "\n" << gw.service().output();
+  }
+  std::string last;
+  EXPECT_TRUE(gw.wait_status(expected, kWaitMs, &last)) << last;
+  for (size_t i = 0; i < items.size(); ++i) EXPECT_TRUE(path_exists(gw.path("ttyV" + std::to_string(i))));
+  // The master shows the slave's settings; a pseudo-terminal keeps the speed,
+  // stop bits and flow control but always says 8 bits, no parity.
+  termios tio{};
+  ASSERT_EQ(tcgetattr(port.fd(), &tio), 0);
+  EXPECT_EQ(cfgetospeed(&tio), B19200);
+  EXPECT_EQ(cfgetispeed(&tio), B19200);
+  EXPECT_EQ(tio.c_cflag & (CSTOPB | CRTSCTS), tcflag_t{CSTOPB | CRTSCTS});
+  EXPECT_FALSE(tio.c_lflag & (ICANON | ECHO));
+  expect_bounded_stop(gw);
+}
+
+// The port streams at 921600 baud into a device file that no program has
+// opened yet (its terminal still cooked) for two seconds: the full buffer
+// holds the far end back, every byte arrives in order, the link stays up.
+// (Readers that pause on either end are the soak's.)
+TEST(Serial, ADeviceFileOpenedLateGetsTheWholeStreamRaw) {
+  Gateway gw;
+  RemotePort port;
+  const std::string local = gw.path("ttyV1");
+  ASSERT_TRUE(gw.start_all({{"gw_tc_serial_devices", json_array({serial_device(local, "127.0.0.2", port.path(), 921600)})}}))
+      << gw.error();
+  const std::string up = status_line(local, "127.0.0.2", port.path(), true);
+  std::string last;
+  ASSERT_TRUE(gw.wait_status(up, kWaitMs, &last)) << last;
+
+  constexpr size_t kSize = 256 * 1024, kChunk = 4096;
+  const std::string sent = random_bytes(kSize, 11);
+  bool written = false;
+  std::thread writer([&] {
+    const auto start = std::chrono::steady_clock::now();
+    for (size_t at = 0; at < kSize; at += kChunk) {
+      // 92160 bytes a second: 921600 baud, 8N1.
+      std::this_thread::sleep_until(start + std::chrono::microseconds(at * 1000000 / 92160));
+      if (!port.write(sent.substr(at, kChunk))) return;
+    }
+    written = true;
+  });
+  std::this_thread::sleep_for(std::chrono::seconds(2));
+  DeviceFile device(local);
+  const std::string got = device.read(kSize, 4 * kWaitMs);
+  writer.join();
+  EXPECT_TRUE(written);
+  ASSERT_EQ(got.size(), kSize) << gw.service().output();
+  EXPECT_TRUE(got == sent) << "bytes differ";
+  for (const char* line : {"deal error", "send_file error", "keepalive timeout"}) {
+    EXPECT_EQ(gw.service().count_lines(line), 0u) << line << "\n" << gw.service().output();
+  }
+  EXPECT_EQ(gw.service().count_lines("do connect, " + local), 1u);
+  EXPECT_EQ(gw.status().value_or("(no answer)"), up);
+  expect_bounded_stop(gw);
+}
+
+// Each list and the RF settings, changed with tc-config, apply while running;
+// a device file named twice (in one list, or in both bridges' lists) stays
+// with the live device that has it, and goes to the next once freed.
+TEST(Configuration, ChangesApplyWhileRunningAndADeviceFileInUseIsNotTakenAgain) {
+  Gateway gw;
+  RemotePort port;
+  const std::string old_file = gw.path("ttyV1"), shared = gw.path("ttyV2"), lora_old = gw.path("lora1"),
+                    lora_new = gw.path("lora2");
+  const std::string eui_new = "70b3d5e75e000002";
+  const std::string serial_item = serial_device(shared, "127.0.0.2", port.path());
+  const std::string twin = serial_device(shared, "127.0.0.3", "ttyS1");
+  const std::string lora_own = lora_device(lora_new, eui_new), lora_shared = lora_device(shared, kEui);
+  ASSERT_TRUE(gw.start_all({{"gw_tc_serial_devices", json_array({serial_device(old_file, "127.0.0.2", port.path())})},
+                            {"gw_tc_loralan_devices", json_array({lora_device(lora_old, kEui)})},
+                            {"gw_tc_loralan_rf", kRf}}))
+      << gw.error();
+  auto& service = gw.service();
+  auto& sim = gw.lora_sim();
+  std::string last;
+  ASSERT_TRUE(gw.wait_status(status_line(old_file, "127.0.0.2", port.path(), true), kWaitMs, &last)) << last;
+
+  // Serial list: the old device file goes, the new one comes and connects.
+  ASSERT_EQ(gw.set_config("gw_tc_serial_devices", json_array({serial_item})), 0);
+  EXPECT_TRUE(service.wait_for_line("callback_config, gw_tc_serial_devices:" + json_array({serial_item}), kWaitMs));
+  EXPECT_TRUE(service.wait_for_line("delete device, " + old_file, kWaitMs)) << service.output();
+  EXPECT_TRUE(service.wait_for_line("add device, " + shared, kWaitMs)) << service.output();
+  const std::string up = status_line(shared, "127.0.0.2", port.path(), true);
+  EXPECT_TRUE(gw.wait_status(up, kWaitMs, &last)) << last;
+  EXPECT_FALSE(path_exists(old_file));
+
+  // LoRa list: the bridge swaps its device files, the node service gets the
+  // new list (emptied first).
+  const size_t empties = sim.count_lines("node sync count=0 devEui= -> result 0");
+  ASSERT_EQ(gw.set_config("gw_tc_loralan_devices", json_array({lora_own})), 0);
+  EXPECT_TRUE(service.wait_for_line("threadProc, delete device fd:", kWaitMs)) << service.output();
+  EXPECT_TRUE(service.wait_for_line("dev_file:" + lora_new, kWaitMs)) << service.output();
+  EXPECT_TRUE(sim.wait_for_line("node sync count=1 devEui=" + to_upper(eui_new) + " -> result 0", kWaitMs))
+      << sim.output();
+  EXPECT_EQ(sim.count_lines("node sync count=0 devEui= -> result 0"), empties + 1) << sim.output();
+  EXPECT_FALSE(path_exists(lora_old));
+  EXPECT_TRUE(path_exists(lora_new));
+
+  // RF: the new settings reach the node service.
+  ASSERT_EQ(gw.set_config("gw_tc_loralan_rf", R"({"class-c":{"RX2Frequency":"868500000","TxPower":"20","SF":"9"}})"),
+            0);
+  EXPECT_TRUE(sim.wait_for_line(R"(node set_rf RX2Frequency="868500000" TxPower="20" SF="9" -> result 0)", kWaitMs))
+      << sim.output();
+
+  // The serial device's file, named again by the LoRa list and by a twin.
+  ASSERT_EQ(gw.set_config("gw_tc_loralan_devices", json_array({lora_own, lora_shared})), 0);
+  EXPECT_TRUE(service.wait_for_line("threadProc, device file " + shared + " is in use, skip", kWaitMs))
+      << service.output();
+  ASSERT_EQ(gw.set_config("gw_tc_serial_devices", json_array({serial_item, twin})), 0);
+  EXPECT_TRUE(service.wait_for_line("add device, device file " + shared + " is in use, skip", kWaitMs))
+      << service.output();
+  // Both removed again: neither removal may unlink the first one's file.
+  ASSERT_EQ(gw.set_config("gw_tc_loralan_devices", json_array({lora_own})), 0);
+  ASSERT_EQ(gw.set_config("gw_tc_serial_devices", json_array({serial_item})), 0);
+  EXPECT_TRUE(service.wait_for_line("callback_config, gw_tc_serial_devices:" + json_array({serial_item}), kWaitMs, 2));
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_EQ(service.count_lines("delete device, " + shared) + service.count_lines("dev_file:" + shared), 0u)
+      << service.output();
+  // The link was left alone by all of it.
+  EXPECT_EQ(gw.status().value_or("(no answer)"), up);
+  DeviceFile device(shared);
+  ASSERT_TRUE(device.write("ping"));
+  EXPECT_EQ(port.read(4, kWaitMs), "ping");
+  ASSERT_TRUE(port.write("pong"));
+  EXPECT_EQ(device.read(4, kWaitMs), "pong");
+
+  // Released with its device, the path is free for the other bridge.
+  ASSERT_EQ(gw.set_config("gw_tc_serial_devices", "[]"), 0);
+  ASSERT_TRUE(service.wait_for_line("delete device, " + shared, kWaitMs)) << service.output();
+  ASSERT_EQ(gw.set_config("gw_tc_loralan_devices", json_array({lora_own, lora_shared})), 0);
+  EXPECT_TRUE(service.wait_for_line("dev_file:" + shared + ", dev_eui:" + to_upper(kEui), kWaitMs))
+      << service.output();
+  expect_bounded_stop(gw);
+}
+
+TEST(Lora, TwoHundredFiftyNodesAreProvisionedInBatchesOfAHundred) {
+  Gateway gw;
+  constexpr int kNodes = 250;
+  std::vector<std::string> items, euis;
+  for (int i = 0; i < kNodes; ++i) {
+    char eui[17];
+    std::snprintf(eui, sizeof eui, "70b3d5e75e%06x", i);
+    euis.push_back(to_upper(eui));
+    items.push_back(lora_device(gw.path("lora" + std::to_string(i)), eui));
+  }
+  ASSERT_TRUE(gw.start_all({{"gw_tc_loralan_devices", json_array(items)}, {"gw_tc_loralan_rf", kRf}})) << gw.error();
+
+  auto batch = [&](const char* method, int from, int to) {
+    std::string line = std::string("node ") + method + " count=" + std::to_string(to - from) + " devEui=";
+    for (int i = from; i < to; ++i) line += (i > from ? "," : "") + euis[static_cast<size_t>(i)];
+    return line + " -> result 0";
+  };
+  const std::vector<std::string> expected = {"node set_rf ", batch("sync", 0, 0), batch("sync", 0, 100),
+                                             batch("add", 100, 200), batch("add", 200, 250)};
+  ASSERT_TRUE(gw.lora_sim().wait_for_line(expected.back(), kWaitMs)) << gw.lora_sim().output();
+  std::vector<std::string> node_lines;
+  for (const auto& line : gw.lora_sim().lines()) {
+    if (line.rfind("node ", 0) == 0) node_lines.push_back(line);
+  }
+  ASSERT_EQ(node_lines.size(), expected.size()) << gw.lora_sim().output();
+  EXPECT_EQ(node_lines[0].rfind(expected[0], 0), 0u) << node_lines[0];
+  for (size_t i = 1; i < expected.size(); ++i) EXPECT_EQ(node_lines[i], expected[i]);
+
+  // The LAN bridge made a device file for every one of them (on its own
+  // thread, which may still be at it when provisioning is done).
+  EXPECT_TRUE(gw.service().wait_for_line("threadProc, add device fd:", kWaitMs, kNodes));
+  EXPECT_EQ(gw.service().count_lines("threadProc, add device fd:"), static_cast<size_t>(kNodes));
+  EXPECT_TRUE(path_exists(gw.path("lora249")));
+  expect_bounded_stop(gw);
+}
+
+}  // namespace

@@ -1,0 +1,182 @@
+// The companion tools as a user runs them, for what the end-to-end tests
+// cannot see: tc-config's store, tc-lora-sim's flags and commands (what
+// tc-serial-peer opens or refuses, and why, shows through the service in
+// tests/e2e).  Isolated: the simulator's ports are fixed.
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/child_process.h"
+#include "tests/support/dbus_daemon.h"
+#include "tests/support/device_file.h"
+
+using tc_test::ChildProcess;
+
+namespace {
+
+const std::string kConfig = TC_BINARY_DIR "/tools/tc-config/tc-config";
+const std::string kSim = TC_BINARY_DIR "/tools/tc-lora-sim/tc-lora-sim";
+
+struct Result {
+  int status;
+  std::string output;  // standard output and error, merged
+};
+
+Result run(const std::vector<std::string>& argv, const std::string& input = "") {
+  ChildProcess tool(argv);
+  if (!input.empty()) tool.write_input(input);
+  tool.close_input();
+  int status = 0;
+  EXPECT_TRUE(tool.wait_exit(10000, &status)) << tool.output();
+  return {tc_test::exit_code(status), tool.output()};
+}
+
+std::unique_ptr<ChildProcess> start(const std::vector<std::string>& argv, const std::string& ready) {
+  auto tool = std::make_unique<ChildProcess>(argv);
+  EXPECT_TRUE(tool->wait_for_line(ready, 10000)) << tool->output();
+  return tool;
+}
+
+std::string read_file(const std::string& path) {
+  std::stringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+// A UDP socket on 127.0.0.1:port, where the bridge or the node client has it.
+class Udp {
+ public:
+  explicit Udp(uint16_t port) : m_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    const sockaddr_in a = loopback(port);
+    bound = bind(m_fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0;
+  }
+  ~Udp() { close(m_fd); }
+  bool send(uint16_t port, const std::string& text) {
+    const sockaddr_in a = loopback(port);
+    return sendto(m_fd, text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&a), sizeof a) ==
+           static_cast<ssize_t>(text.size());
+  }
+  // The next datagram within `ms`, or "none".
+  std::string receive(int ms) {
+    pollfd p{m_fd, POLLIN, 0};
+    char got[2048];
+    const ssize_t n = poll(&p, 1, ms) == 1 ? recv(m_fd, got, sizeof got, 0) : -1;
+    return n < 0 ? "none" : std::string(got, static_cast<size_t>(n));
+  }
+  bool bound = false;
+
+ private:
+  static sockaddr_in loopback(uint16_t port) {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(port);
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return a;
+  }
+  int m_fd;
+};
+
+TEST(TcConfig, SetsGetsAndListsAndKeepsItsStoreAcrossRestarts) {
+  tc_test::DBusDaemon bus;
+  ASSERT_TRUE(bus.start()) << bus.error();
+  tc_test::TempDir dir;
+  const std::string store = dir.file("store.json");
+  const auto tool = [&](std::vector<std::string> args, const std::string& input = "") {
+    args.insert(args.begin(), kConfig);
+    args.insert(args.end(), {"--bus", bus.address()});
+    return run(args, input);
+  };
+  const std::vector<std::string> serve{kConfig, "serve", "--bus", bus.address(), "--store", store};
+
+  std::ofstream(store) << "[1, 2]";
+  const Result refused = run(serve);
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.output.find("is not a JSON object"), std::string::npos) << refused.output;
+  EXPECT_EQ(read_file(store), "[1, 2]") << "left as it was";
+
+  std::ofstream(store) << "{\"gw_tc_serial_devices\": [{\"id\": 1}], \"gw_tc_loralan_mode\": \"2\"}";
+  auto server = start(serve, "ready on");
+  EXPECT_EQ(tool({"get", "gw_tc_serial_devices"}).output, "[{\"id\":1}]\n") << "non-strings kept as JSON text";
+  EXPECT_EQ(tool({"get", "gw_tc_nothing"}).output, "\n") << "a missing key reads as empty";
+  EXPECT_EQ(tool({"set", "gw_tc_loralan_devices", "-"}, "[\n  {\"a\": 1}\n]\n").status, 0);
+  EXPECT_EQ(tool({"get", "gw_tc_loralan_devices"}).output, "[\n  {\"a\": 1}\n]\n") << "the last newline dropped";
+  EXPECT_EQ(tool({"set", "gw_tc_loralan_mode", "3"}).status, 0);
+  EXPECT_EQ(tool({"flush"}).status, 0);
+  EXPECT_NE(read_file(store).find("\"gw_tc_loralan_mode\" : \"3\""), std::string::npos) << read_file(store);
+  EXPECT_EQ(tool({"set", "gw_tc_loralan_mode", "4"}).status, 0);
+  ASSERT_TRUE(server->signal(SIGTERM));
+  int status = 0;
+  ASSERT_TRUE(server->wait_exit(10000, &status)) << server->output();
+  EXPECT_EQ(tc_test::exit_code(status), 0);
+  EXPECT_NE(read_file(store).find("\"gw_tc_loralan_mode\" : \"4\""), std::string::npos) << "written at stop";
+
+  server = start(serve, "ready on");
+  const Result listed = tool({"list"});
+  EXPECT_EQ(listed.status, 0);
+  for (const char* member : {R"("gw_tc_loralan_mode" : "4")", R"("gw_tc_serial_devices" : "[{\"id\":1}]")",
+                             "gw_tc_loralan_devices"}) {
+    EXPECT_NE(listed.output.find(member), std::string::npos) << member << "\n" << listed.output;
+  }
+  EXPECT_EQ(tool({"reset"}).status, 0);
+  EXPECT_EQ(tool({"list"}).output, "{}\n");
+}
+
+// Both services of tc-lora-sim, seen from the bridge's and the node client's
+// ports: what its flags and commands make it answer, and what it refuses.
+TEST(TcLoraSim, FlagsAndCommandsChooseTheAnswers) {
+  Udp bridge(18099), node(16068);
+  ASSERT_TRUE(bridge.bound && node.bound);
+  auto sim = start({kSim, "--lan-silent", "--node-result", "-3"}, "ready:");
+  ASSERT_TRUE(bridge.send(18098, R"({"data":"00"})"));
+  EXPECT_TRUE(sim->wait_for_line("-> no answer", 5000)) << sim->output();
+  EXPECT_EQ(bridge.receive(300), "none");
+  ASSERT_TRUE(node.send(16058, R"({"loranode":[],"method":"sync"})"));
+  EXPECT_EQ(node.receive(5000), "{\"result\":-3}");
+
+  // Uplinks pass what they are given; a short one is refused.
+  ASSERT_TRUE(sim->write_input("uplink 0102 4g1 223 4\nuplink 0102 41\n"));
+  EXPECT_EQ(bridge.receive(5000), R"({"data":"4g1","devEui":"0102","fport":223,"mtype":4})");
+  EXPECT_TRUE(sim->wait_for_line("error: usage: uplink EUI HEX FPORT [MTYPE]", 5000)) << sim->output();
+  EXPECT_EQ(bridge.receive(200), "none");
+
+  ASSERT_TRUE(sim->write_input("lan-result 7\nnode-result silent\n"));
+  ASSERT_TRUE(sim->wait_for_line("node requests now get no answer", 5000)) << sim->output();
+  ASSERT_TRUE(bridge.send(18098, R"({"data":"41"})"));
+  EXPECT_EQ(bridge.receive(5000), "{\"result\":7}");
+  EXPECT_TRUE(sim->wait_for_line(R"(downlink devEUI=- fPort=- confirmed=- fcntd=- data="41" (1 byte "A") -> result 7)",
+                                 5000))
+      << sim->output();
+  ASSERT_TRUE(node.send(16058, "not json"));
+  EXPECT_TRUE(sim->wait_for_line("node (not a JSON object) not json -> no answer", 5000)) << sim->output();
+  EXPECT_EQ(node.receive(300), "none");
+
+  // One-shot: no server needed, and the ports are the running one's.
+  Result once = run({kSim, "uplink", "00AA", "0aff", "7", "2"});
+  EXPECT_EQ(once.status, 0);
+  EXPECT_EQ(bridge.receive(5000), R"({"data":"0aff","devEui":"00AA","fport":7,"mtype":2})");
+  EXPECT_NE(once.output.find("sent uplink devEui=00AA fport=7 mtype=2 data=0aff"), std::string::npos) << once.output;
+  once = run({kSim});
+  EXPECT_EQ(once.status, 1);
+  EXPECT_NE(once.output.find("bind 127.0.0.1:18098"), std::string::npos) << once.output;
+
+  // The end of input leaves the services up; a signal ends them.
+  sim->close_input();
+  ASSERT_TRUE(bridge.send(18098, "{}"));
+  EXPECT_EQ(bridge.receive(5000), "{\"result\":7}");
+  ASSERT_TRUE(sim->signal(SIGTERM));
+  int status = 0;
+  ASSERT_TRUE(sim->wait_exit(5000, &status));
+  EXPECT_EQ(tc_test::exit_code(status), 0);
+}
+
+}  // namespace
