@@ -12,13 +12,11 @@
 // an upper-case EUI, and every request text is JSON.
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "common/json/json_text.h"
-#include "fuzz/fuzz_log.h"
+#include "fuzz/fuzz_check.h"
 #include "service/common.h"
 #include "service/lora_lan.h"
 #include "service/lora_node.h"
@@ -30,12 +28,6 @@ using namespace Zentrova::Iot::TransparentChannel;
 using Zentrova::Iot::Platform::string_to_json;
 
 namespace {
-
-void check(bool condition, const char* what) {
-  if (condition) return;
-  std::fprintf(stderr, "fuzz_config: %s\n", what);
-  std::abort();
-}
 
 void check_request(const std::string& request) {
   Json::Value root;
@@ -93,12 +85,8 @@ void node_requests(const std::string& value) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-  fuzz_log_init();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  fuzz_quiet_log();
   // Neither uses its configuration agent in the calls below.
   static CLoraLan* lan = new CLoraLan(nullptr);
   static CLoraNode* node = new CLoraNode(nullptr);
