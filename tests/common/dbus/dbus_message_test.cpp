@@ -95,21 +95,4 @@ TEST(DBusMessage, AssignmentRestartsReadingAndSharesTheMessage) {
   EXPECT_TRUE(call.get_string(text) && text == "second") << "the original keeps its message and position";
 }
 
-TEST(DBusMessage, RepliesAnswerTheCallsSerial) {
-  CDBusMethodCall call = make_call();
-  dbus_message_set_serial(call.get_message(), 77);  // as the connection does on send
-  CDBusMethodReturn reply(call);
-  ASSERT_NE(reply.get_message(), nullptr);
-  EXPECT_TRUE(reply.is_method_return());
-  EXPECT_EQ(dbus_message_get_reply_serial(reply.get_message()), 77u);
-  EXPECT_TRUE(reply.set_int32(3));
-  CDBusMethodReturn unanswered(make_call());  // never sent: nothing to answer
-  EXPECT_TRUE(unanswered.is_method_return());
-  EXPECT_EQ(dbus_message_get_reply_serial(unanswered.get_message()), 0u);
-  DBusMessage* error = dbus_message_new_error(call.get_message(), "tc.test.Error", "no");
-  EXPECT_FALSE(CDBusMethodReturn(error).is_method_return());
-  dbus_message_unref(error);
-  EXPECT_FALSE(CDBusMethodReturn(nullptr).is_method_return());
-}
-
 }  // namespace
