@@ -1,18 +1,15 @@
 #!/usr/bin/env bash
-# Builds the libFuzzer targets with clang (ASan + UBSan) in build-fuzz/ and
-# runs each for SECONDS (default 30) on a copy of its seed corpus in
-# fuzz/corpus/<target>/.  Exits non-zero when any target finds a crash, a
-# leak, a timeout or runs out of memory; the reproducer stays in
-# build-fuzz/artifacts/<target>/ and the log in build-fuzz/logs/<target>.log.
-#   fuzz/run.sh [SECONDS]
-# Replay a reproducer: build-fuzz/fuzz/<target> <file>
+# fuzz/run.sh [SECONDS]: builds the libFuzzer targets (clang, ASan + UBSan) in
+# build-fuzz/ and runs each for SECONDS (default 30) on a copy of its seeds in
+# fuzz/corpus/<target>/; non-zero when one finds a crash, a leak, a time-out
+# or runs out of memory.  Reproducers stay in build-fuzz/artifacts/<target>/
+# (replay: build-fuzz/fuzz/<target> FILE), logs in build-fuzz/logs/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds="${1:-30}"
 case "$seconds" in '' | *[!0-9]*) echo "usage: $0 [SECONDS]" >&2; exit 2 ;; esac
 
-# target:longest input.  A serial stream spans several of the largest frames;
-# a LoRa datagram is cut at 1500 bytes anyway.
+# target:longest input (a serial stream spans several of the largest frames).
 targets=(fuzz_serial_stream:8192 fuzz_lora_datagram:2048 fuzz_config:4096 fuzz_dbus_message:4096)
 build=build-fuzz
 ./packaging/install-deps.sh

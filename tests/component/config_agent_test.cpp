@@ -1,5 +1,7 @@
-// CConfigAgent against the development manager (tc-config serve) and, for
-// the answers that one never gives, against a scripted manager.
+// CConfigAgent and the CDBusChannel under it, against the development
+// manager (tc-config serve) and, for the answers that one never gives, a
+// scripted manager: routing by member name, the empty answer to unknown
+// methods, the error callback.
 
 #include "component/config_agent.h"
 
@@ -39,11 +41,26 @@ struct Subscriber {
     changes.push_back("other:" + key + "=" + value);
     result = 8;
   }
+  // Plain channel handlers, bound the same way.
+  void echo(CDBusMethodCall& call, CDBusMethodReturn& reply) {
+    std::string text;
+    call.get_string(text);
+    reply.set_string("echo:" + text);
+  }
+  void register_more(CDBusMethodCall&, CDBusMethodReturn& reply) {
+    channel->register_method("added", CDBusMethodHandler(this, &Subscriber::echo));
+    reply.set_string("registered");
+  }
+  void on_error(int32_t status) {
+    std::lock_guard<std::mutex> lock(mutex);
+    changes.push_back("bus error " + std::to_string(status));
+  }
   std::vector<std::string> get() {
     std::lock_guard<std::mutex> lock(mutex);
     return changes;
   }
   CConfigAgent* agent = nullptr;
+  CDBusChannel* channel = nullptr;
   std::atomic<bool> reread{false};
   std::mutex mutex;
   std::vector<std::string> changes;
@@ -81,6 +98,18 @@ struct ScriptedManager {
     if (answer.code) reply.set_int32(answer.value);
     if (answer.text) reply.set_string("scripted");
   }
+  // A call with one string to the agent's channel; the reply's string,
+  // "(empty)" for a return without one, or the call's error.
+  std::string call(const std::string& member) {
+    CDBusMethodCall request(kSelf, "/iot/gateway/transparentchannel", kSelf, member);
+    request.set_string("x");
+    CDBusMethodReturn reply;
+    const int32_t result = channel->block_call(request, reply, 3000);
+    std::string text = "(empty)";
+    if (result != 0 || !reply.is_method_return()) return "error " + std::to_string(result);
+    reply.get_string(text);
+    return text;
+  }
   // Sends "notify_config" to the agent as the manager does; the reply's code, or -1.
   int32_t notify(const std::vector<std::string>& strings, bool int_value = false) {
     CDBusMethodCall call(kSelf, "/iot/gateway/transparentchannel", kSelf, "notify_config");
@@ -107,9 +136,13 @@ class Agent : public testing::Test {
   void SetUp() override {
     ASSERT_TRUE(bus.start()) << bus.error();
     channel = open_channel(bus.address(), kSelf);
+    channel->set_error_callback(CDBusErrorCallback(&subscriber, &Subscriber::on_error));
     agent = std::make_unique<CConfigAgent>(channel.get(), kSelf);
-    ASSERT_EQ(channel->start(), 1);
     subscriber.agent = agent.get();
+    subscriber.channel = channel.get();
+    channel->register_method("echo", CDBusMethodHandler(&subscriber, &Subscriber::echo));
+    channel->register_method("register", CDBusMethodHandler(&subscriber, &Subscriber::register_more));
+    ASSERT_EQ(channel->start(), 1);
   }
   int run_tool(std::vector<std::string> args) {
     args.insert(args.begin(), kTool);
@@ -234,6 +267,33 @@ TEST_F(Agent, NotificationsFollowTheSubscriptionTable) {
   EXPECT_EQ(manager.notify({"k", "v5"}), -1);
   EXPECT_EQ(log.count_prefix("message_request, recvice unknow method"), 0u) << log.dump();
   EXPECT_EQ(subscriber.get().size(), 3u);
+}
+
+TEST_F(Agent, TheChannelRoutesByMemberAndAnswersUnknownOnesEmpty) {
+  ScriptedManager manager(bus.address());
+  EXPECT_EQ(manager.call("echo"), "echo:x");
+  EXPECT_EQ(manager.call("nope"), "(empty)") << "answered, not an error";
+  EXPECT_EQ(log.count("message_request, recvice unknow method, member:nope."), 1u) << log.dump();
+  // A handler that registers another one while it runs does not deadlock.
+  EXPECT_EQ(manager.call("register"), "registered");
+  EXPECT_EQ(manager.call("added"), "echo:x");
+  // The second registration of a member wins.
+  channel->register_method("echo", CDBusMethodHandler(&subscriber, &Subscriber::register_more));
+  EXPECT_EQ(manager.call("echo"), "registered");
+}
+
+TEST_F(Agent, LostBusFiresTheErrorCallbackOrLogsItsAbsenceOnceAndNothingSpins) {
+  CDBusChannel quiet(bus.address(), "tc.test.quiet", "/tc/test/quiet", {});  // without an error callback
+  ASSERT_EQ(quiet.start(), 1);
+  log.clear();
+  bus.kill();
+  ASSERT_TRUE(log.wait_for("message_error, no dbus error callback.", 3000)) << log.dump();
+  ASSERT_TRUE(eventually([&] { return !subscriber.get().empty(); }));
+  const long cpu = tc_test::cpu_ms();
+  std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+  EXPECT_EQ(subscriber.get(), std::vector<std::string>{"bus error -1"});
+  EXPECT_EQ(log.count("message_error, no dbus error callback."), 1u);
+  EXPECT_LT(tc_test::cpu_ms() - cpu, 300) << "CPU time used while idle after the bus vanished";
 }
 
 }  // namespace
