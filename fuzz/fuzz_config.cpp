@@ -4,21 +4,19 @@
 //     "gw_tc_loralan_devices";
 //   - the RF value and the ABP node list, as the node provisioning reads
 //     "gw_tc_loralan_rf" and "gw_tc_loralan_devices".  Its socket is never
-//     opened, so both stop at the first send; the request texts they would
-//     send are then built here from the same helpers, up to the batches.
+//     opened, so both stop at their first send (the RF request is built by
+//     then); the node items are then read and built here as it would.
 //
 // Besides the sanitizers: every accepted serial item must survive the
-// connect request round trip, every accepted LoRa device carries a file and
-// an upper-case EUI, and every request text is JSON.
+// connect request round trip, and every accepted LoRa device carries a file
+// and an upper-case EUI.
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "common/json/json_text.h"
-#include "fuzz/fuzz_log.h"
+#include "fuzz/fuzz_check.h"
 #include "service/common.h"
 #include "service/lora_lan.h"
 #include "service/lora_node.h"
@@ -30,17 +28,6 @@ using namespace Zentrova::Iot::TransparentChannel;
 using Zentrova::Iot::Platform::string_to_json;
 
 namespace {
-
-void check(bool condition, const char* what) {
-  if (condition) return;
-  std::fprintf(stderr, "fuzz_config: %s\n", what);
-  std::abort();
-}
-
-void check_request(const std::string& request) {
-  Json::Value root;
-  check(string_to_json(request, root), "node request is not JSON");
-}
 
 void serial_devices(const std::string& value) {
   SerialDeviceConfigList list;
@@ -71,34 +58,16 @@ void lora_devices(CLoraLan& lan, const std::string& value) {
   }
 }
 
-void rf_request(const std::string& value) {
-  Json::Value settings = default_rf_settings();
-  if (!rf_settings_from_config(value, settings)) return;
-  check_request(build_node_request("set_rf", "class-c", settings));
-}
-
-void node_requests(const std::string& value) {
+void node_items(const std::string& value) {
   Json::Value items;
   if (!string_to_json(value, items) || !items.isArray()) return;
-  Json::Value batch(Json::arrayValue);
-  bool first = true;
-  for (Json::ArrayIndex i = 0; i < items.size(); ++i) {
-    batch.append(build_abp_node(read_abp_node_item(items[i])));
-    if (batch.size() < LORA_NODE_BATCH_SIZE && i + 1 < items.size()) continue;
-    check_request(build_node_request(first ? "sync" : "add", "loranode", batch));
-    first = false;
-    batch = Json::Value(Json::arrayValue);
-  }
+  for (const Json::Value& item : items) build_abp_node(read_abp_node_item(item));
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-  fuzz_log_init();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  fuzz_quiet_log();
   // Neither uses its configuration agent in the calls below.
   static CLoraLan* lan = new CLoraLan(nullptr);
   static CLoraNode* node = new CLoraNode(nullptr);
@@ -108,7 +77,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   lora_devices(*lan, value);
   check(!node->deal_rf_change_config(value), "RF settings sent without a socket");
   check(!node->deal_node_change_config(value), "node list sent without a socket");
-  rf_request(value);
-  node_requests(value);
+  node_items(value);
   return 0;
 }

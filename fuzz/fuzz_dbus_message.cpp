@@ -13,133 +13,81 @@
 
 #include <dbus/dbus.h>
 
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
+#include <algorithm>
 #include <string>
 
 #include "common/dbus/src/dbus_message.h"
-#include "fuzz/fuzz_log.h"
+#include "fuzz/fuzz_check.h"
 
-using Zentrova::Iot::DBus::CDBusMessage;
-using Zentrova::Iot::DBus::CDBusMethodCall;
-using Zentrova::Iot::DBus::CDBusMethodReturn;
-using Zentrova::Iot::DBus::CDBusSignal;
+using namespace Zentrova::Iot::DBus;
 
 namespace {
 
-void check(bool condition, const char* what) {
-  if (condition) return;
-  std::fprintf(stderr, "fuzz_dbus_message: %s\n", what);
-  std::abort();
-}
-
 void step(CDBusMessage& message, uint8_t code) {
+  std::string s;
+  int32_t i32 = 0;
+  uint32_t u32 = 0;
+  uint64_t u64 = 0;
+  uint8_t* bytes = nullptr;
+  const uint8_t byte = 0;
   switch (code % 12) {
-    case 0: {
-      std::string s;
-      message.get_string(s);
-      break;
-    }
-    case 1: {
-      int32_t v = 0;
-      message.get_int32(v);
-      break;
-    }
-    case 2: {
-      uint32_t v = 0;
-      message.get_uint32(v);
-      break;
-    }
-    case 3: {
-      uint64_t v = 0;
-      message.get_uint64(v);
-      break;
-    }
-    case 4: {
-      uint8_t* bytes = nullptr;
-      int32_t length = 0;
-      if (message.get_array(bytes, length)) {
-        check(bytes != nullptr && length > 0, "get_array: empty success");
+    case 0: message.get_string(s); break;
+    case 1: message.get_int32(i32); break;
+    case 2: message.get_uint32(u32); break;
+    case 3: message.get_uint64(u64); break;
+    case 4:
+      if (message.get_array(bytes, i32)) {
+        check(bytes != nullptr && i32 > 0, "get_array: empty success");
         free(bytes);
       }
       break;
-    }
-    case 5:
-      message.get_path();
-      message.get_interface();
-      message.get_member();
-      break;
-    case 6: {
-      // A copy reads from the first argument on, independently.
-      CDBusMessage copy(message);
-      std::string s;
-      copy.get_string(s);
-      break;
-    }
-    case 7:
-      // Reading restarts at the first argument.
-      message = CDBusMessage(message);
-      break;
-    case 8: {
+    case 5: s = message.get_path() + message.get_interface() + message.get_member(); break;
+    case 6: CDBusMessage(message).get_string(s); break;  // a copy reads from the first argument on
+    case 7: message = CDBusMessage(message); break;      // reading restarts at the first argument
+    case 8:
       // A received message carries a serial, so it is locked: every append fails.
-      check(!message.set_string("x") && !message.set_int32(1) && !message.set_uint64(2),
+      check(!message.set_string("x") && !message.set_int32(1) && !message.set_uint64(2) &&
+                !message.set_array(&byte, 1),
             "append to a received message succeeded");
-      const uint8_t byte = 0;
-      check(!message.set_array(&byte, 1), "append to a received message succeeded");
       break;
-    }
     case 9: {
       // Answering it as a call, as the method dispatch does.
-      CDBusMethodCall call(message.get_message());
-      CDBusMethodReturn reply(call);
-      if (reply.get_message()) {
-        check(reply.is_method_return(), "reply is not a method return");
-        reply.set_string("reply");
-      }
+      CDBusMethodReturn reply{CDBusMethodCall(message.get_message())};
+      if (!reply.get_message()) break;
+      check(reply.is_method_return(), "reply is not a method return");
+      reply.set_string("reply");
       break;
     }
-    case 10: {
-      CDBusSignal signal(message.get_message());
-      std::string s;
-      signal.get_string(s);
-      break;
-    }
+    case 10: CDBusSignal(message.get_message()).get_string(s); break;
     default: {
       CDBusMethodReturn as_return(message.get_message());
       as_return.is_method_return();
-      uint32_t v = 0;
-      as_return.get_uint32(v);
-      break;
+      as_return.get_uint32(u32);
     }
   }
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
   setenv("DBUS_FATAL_WARNINGS", "1", 1);
-  fuzz_log_init();
+  fuzz_quiet_log();
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 1) return 0;
-  size_t count = data[0] % 32;
-  if (count > size - 1) count = size - 1;
-  const uint8_t* steps = data + 1;
-  const char* wire = reinterpret_cast<const char*>(data + 1 + count);
-  const int wire_len = static_cast<int>(size - 1 - count);
-
+  const size_t count = std::min<size_t>(data[0] % 32, size - 1);
   DBusError error;
   dbus_error_init(&error);
-  DBusMessage* raw = dbus_message_demarshal(wire, wire_len, &error);
+  DBusMessage* raw = dbus_message_demarshal(reinterpret_cast<const char*>(data + 1 + count),
+                                            static_cast<int>(size - 1 - count), &error);
   if (!raw) {
     dbus_error_free(&error);
     return 0;
   }
   CDBusMessage message(raw);
   dbus_message_unref(raw);
-  for (size_t i = 0; i < count; ++i) step(message, steps[i]);
+  for (size_t i = 0; i < count; ++i) step(message, data[1 + i]);
   return 0;
 }

@@ -10,12 +10,10 @@
 // fed the same text.
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 
 #include "common/json/json_text.h"
-#include "fuzz/fuzz_log.h"
+#include "fuzz/fuzz_check.h"
 #include "service/common.h"
 #include "service/lora_lan_message.h"
 #include "service/lora_node_request.h"
@@ -25,12 +23,6 @@ using Zentrova::Iot::Platform::json_get_string;
 using Zentrova::Iot::Platform::string_to_json;
 
 namespace {
-
-void check(bool condition, const char* what) {
-  if (condition) return;
-  std::fprintf(stderr, "fuzz_lora_datagram: %s\n", what);
-  std::abort();
-}
 
 void check_hex_round_trip(const std::string& bytes) {
   std::string hex;
@@ -65,12 +57,8 @@ void check_uplink(const LoraLanDatagram& d) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-  fuzz_log_init();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  fuzz_quiet_log();
   if (size > static_cast<size_t>(LORA_LAN_MAX_DATAGRAM)) size = LORA_LAN_MAX_DATAGRAM;
   const std::string text(reinterpret_cast<const char*>(data), size);
 

@@ -12,51 +12,32 @@
 #include <map>
 #include <set>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "tests/e2e/gateway.h"
 #include "tests/e2e/remote_port.h"
-#include "tests/support/child_process.h"
-
-using e2e::Gateway;
-using tc_test::ChildProcess;
+#include "tests/support/device_file.h"
 
 namespace {
 
 const std::string kUnit = TC_BINARY_DIR "/transparent-channel.service";
-const std::string kSandbox = TC_SOURCE_DIR "/tests/packaging/sandbox.sh";
-const std::string kSeccompExec = TC_BINARY_DIR "/tests/packaging/tc-seccomp-exec";
 const std::string kAnalyze = "/usr/bin/systemd-analyze";
 
 // Exit code and output of a command that ends on its own.
 int run(const std::vector<std::string>& argv, std::string& output) {
-  ChildProcess tool(argv);
+  tc_test::ChildProcess tool(argv);
   int status = 0;
   if (!tool.wait_exit(30000, &status)) return -1;
   output = tool.output();
   return tc_test::exit_code(status);
 }
 
-// Every name in a group of `systemd-analyze syscall-filter`, groups expanded.
-void expand(const std::map<std::string, std::vector<std::string>>& groups, const std::string& name,
-            std::set<std::string>& out) {
-  const auto group = groups.find(name);
-  if (group == groups.end()) {
-    out.insert(name);
-    return;
-  }
-  for (const auto& member : group->second) expand(groups, member, out);
-}
-
 // The system calls the unit's SystemCallFilter= lines allow, in order: the
-// first line lists what is allowed, a "~" line takes calls away.
+// first line lists what is allowed, a "~" line takes calls away; groups
+// (from `systemd-analyze syscall-filter`) are expanded.
 [[maybe_unused]] std::set<std::string> unit_syscalls() {  // plain builds only
-  std::string listing;
+  std::string listing, line, group;
   if (run({kAnalyze, "syscall-filter"}, listing) != 0) return {};
   std::map<std::string, std::vector<std::string>> groups;
-  std::string line;
-  std::string group;
   for (std::istringstream in(listing); std::getline(in, line);) {
     if (line.rfind('@', 0) == 0) group = line;
     const size_t at = line.find_first_not_of(' ');
@@ -65,12 +46,20 @@ void expand(const std::map<std::string, std::vector<std::string>>& groups, const
   std::set<std::string> allowed;
   for (std::ifstream in(kUnit); std::getline(in, line);) {
     if (line.rfind("SystemCallFilter=", 0) != 0) continue;
-    std::string value = line.substr(17);
-    const bool take_away = !value.empty() && value[0] == '~';
-    std::istringstream names(take_away ? value.substr(1) : value);
-    std::set<std::string> calls;
-    for (std::string name; names >> name;) expand(groups, name, calls);
-    for (const auto& call : calls) take_away ? (void)allowed.erase(call) : (void)allowed.insert(call);
+    const bool take_away = line[17] == '~';
+    std::vector<std::string> names;
+    std::istringstream words(line.substr(take_away ? 18 : 17));
+    for (std::string name; words >> name;) names.push_back(name);
+    while (!names.empty()) {
+      const std::string name = names.back();
+      names.pop_back();
+      const auto members = groups.find(name);
+      if (members != groups.end()) {
+        names.insert(names.end(), members->second.begin(), members->second.end());
+      } else {
+        take_away ? (void)allowed.erase(name) : (void)allowed.insert(name);
+      }
+    }
   }
   return allowed;
 }
@@ -93,7 +82,7 @@ TEST_F(Unit, ParsesAndIsRatedConfined) {
 }
 
 TEST_F(Unit, TheServiceDoesItsJobInItsSandbox) {
-  Gateway gw;
+  e2e::Gateway gw;
   e2e::RemotePort port;
   ASSERT_TRUE(port.opened());
   std::string links = gw.path("");
@@ -101,12 +90,11 @@ TEST_F(Unit, TheServiceDoesItsJobInItsSandbox) {
   // A folder the unit does not make writable.
   const std::string elsewhere = "/tmp/tc-elsewhere";
   ASSERT_EQ(mkdir(elsewhere.c_str(), 0755), 0);
-  const Gateway::Keys keys = {
+  const e2e::Gateway::Keys keys = {
       {"gw_tc_serial_devices", e2e::json_array({e2e::serial_device(gw.path("ttyV1"), "127.0.0.2", port.path())})},
       {"gw_tc_loralan_devices", e2e::json_array({e2e::lora_device(gw.path("lora1"), "00aa11bb22cc33dd"),
                                                  e2e::lora_device(elsewhere + "/lora2", "00aa11bb22cc33de")})}};
-
-  std::vector<std::string> sandbox = {kSandbox, links};
+  std::vector<std::string> sandbox = {TC_SOURCE_DIR "/tests/packaging/sandbox.sh", links};
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
   // A sanitizer's runtime makes calls of its own, so only a plain build is filtered.
   const std::set<std::string> calls = unit_syscalls();
@@ -116,9 +104,8 @@ TEST_F(Unit, TheServiceDoesItsJobInItsSandbox) {
   std::ofstream out(list);
   for (const auto& call : calls) out << call << '\n';
   out.close();
-  sandbox.insert(sandbox.end(), {kSeccompExec, list});
+  sandbox.insert(sandbox.end(), {TC_BINARY_DIR "/tests/packaging/tc-seccomp-exec", list});
 #endif
-
   ASSERT_TRUE(gw.start_bus() && gw.start_manager(keys) && gw.start_lora_sim() && gw.start_serial_peer("127.0.0.2"))
       << gw.error();
   ASSERT_TRUE(gw.start_service(sandbox));
@@ -129,7 +116,7 @@ TEST_F(Unit, TheServiceDoesItsJobInItsSandbox) {
   std::string last;
   EXPECT_TRUE(gw.wait_status(connected, 10000 * e2e::kSlowdown, &last)) << last;
   EXPECT_TRUE(gw.service().wait_for_line("symlink error: Read-only file system", 5000)) << gw.service().output();
-  EXPECT_TRUE(e2e::path_exists(gw.path("lora1")));
+  EXPECT_TRUE(tc_test::path_exists(gw.path("lora1")));
   e2e::expect_bounded_stop(gw);
   rmdir(elsewhere.c_str());
 }
