@@ -30,7 +30,9 @@ TEST(Entry, TerminationSignalsEndTheStartLoopAndExitInOrder) {
 #if defined(__SANITIZE_THREAD__)
       // ThreadSanitizer's runtime now and then drops a signal that lands while
       // the main thread enters a blocking call; one resend keeps this about the service.
-      if (!pending && !service.wait_for_line("caught ", 2000)) ASSERT_TRUE(service.signal(sig));
+      if (!pending && !service.wait_for_line("caught ", 2000)) {
+        ASSERT_TRUE(service.signal(sig));
+      }
 #endif
       int status = 0;
       ASSERT_TRUE(service.wait_exit(15000, &status)) << service.output();
