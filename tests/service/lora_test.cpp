@@ -275,6 +275,14 @@ TEST_F(Lora, DeviceListChangesReplaceOnlyWhatChanged) {
   ASSERT_TRUE(log.wait_for_prefix("threadProc, delete device", 5000, 3)) << log.dump();
   for (int i = 0; i < 500 && (path_exists(a) || path_exists(b)); ++i) usleep(10000);
   EXPECT_FALSE(path_exists(a) || path_exists(b));
+
+  // A gateway's worth of devices, each with its own file.
+  std::string many;
+  for (int i = 0; i < 250; ++i) many += (i ? "," : "") + item(dir.file("n" + std::to_string(i)), kEui);
+  log.clear();
+  notify(kDevicesKey, "[" + many + "]");
+  EXPECT_TRUE(added(250)) << log.count_prefix("threadProc, add device fd:");
+  EXPECT_TRUE(path_exists(dir.file("n249")));
 }
 
 TEST_F(Lora, FailedLanStartsHoldNothingAndAStopKeepsThePathsForTheNextStart) {
