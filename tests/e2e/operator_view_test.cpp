@@ -20,7 +20,7 @@ const std::string kAddress = "unix:path=/tmp/var/run/mbusd/mbusd_socket";
 const std::string kName = "iot.gateway.transparentchannel";
 const std::string kPath = "/iot/gateway/transparentchannel";
 
-// Both tools print columns and line breaks of their own: compare words.
+// busctl prints columns and line breaks of its own: compare words.
 std::string words(const std::string& text) {
   std::stringstream in(text);
   std::string word, out;
@@ -30,7 +30,7 @@ std::string words(const std::string& text) {
 
 // What went through a serial link and a LoRa device, refusals and a drop of
 // the link included, as the LoRa simulator and the far end saw it, and as
-// the operator sees it: the standard bus tools list the methods, tc-status
+// the operator sees it: a standard bus tool lists the methods, tc-status
 // shows every counter.
 TEST(OperatorView, TrafficBothWaysAndWhatTheOperatorSeesOfIt) {
   Gateway gw;
@@ -47,22 +47,10 @@ TEST(OperatorView, TrafficBothWaysAndWhatTheOperatorSeesOfIt) {
   ASSERT_TRUE(gw.wait_status(status_line(serial, "127.0.0.2", port.path(), true), kWaitMs, &last)) << last;
 
   const std::string busctl = words(run({on_path("busctl"), "--address=" + kAddress, "introspect", kName, kPath}));
-  const std::string gdbus =
-      words(run({on_path("gdbus"), "introspect", "--address", kAddress, "--dest", kName, "--object-path", kPath}));
-  const struct {
-    const char* busctl;  // name, kind, arguments, results
-    const char* gdbus;
-  } methods[] = {
-      {".notify_config method ss i", "notify_config(in s arg_0, in s arg_1, out i arg_2);"},
-      {".serial_port_connect_status method - s", "serial_port_connect_status(out s arg_0);"},
-      {".channel_statistics method - s", "channel_statistics(out s arg_0);"},
-      {".Introspect method - s", "Introspect(out s xml_data);"},
-      {".GetMachineId method - s", "GetMachineId(out s machine_uuid);"},
-      {".Ping method - -", "Ping();"},
-  };
-  for (const auto& m : methods) {
-    EXPECT_NE(busctl.find(m.busctl), std::string::npos) << m.busctl << "\n" << busctl;
-    EXPECT_NE(gdbus.find(m.gdbus), std::string::npos) << m.gdbus << "\n" << gdbus;
+  for (const char* method : {".notify_config method ss i", ".serial_port_connect_status method - s",
+                             ".channel_statistics method - s", ".Introspect method - s", ".GetMachineId method - s",
+                             ".Ping method - -"}) {  // name, kind, arguments, results
+    EXPECT_NE(busctl.find(method), std::string::npos) << method << "\n" << busctl;
   }
   const std::string id =
       run({on_path("busctl"), "--address=" + kAddress, "call", kName, kPath, "org.freedesktop.DBus.Peer", "GetMachineId"});
@@ -76,33 +64,14 @@ TEST(OperatorView, TrafficBothWaysAndWhatTheOperatorSeesOfIt) {
   EXPECT_EQ(device.read(7, kWaitMs), "goodbye");
 
   DeviceFile lora_file(lora);
-  std::string binary(256, '\0');
-  for (size_t i = 0; i < binary.size(); ++i) binary[i] = static_cast<char>(255 - i);
-  // Refused uplinks show only in the counters, and in what comes next.
-  const struct {
-    bool one_shot;  // a separate "tc-lora-sim uplink", as an operator would send it
-    const char* eui;
-    std::string bytes;
-    const char *fport, *mtype;
-    bool delivered;
-  } uplinks[] = {
-      {true, "00AA11BB22CC33DD", "Hello", "5", "4", true},  // confirmed
-      {false, kEui, binary, "5", "2", true},                // every byte value, lower-case EUI
-      {false, kEui, "mtype", "5", "3", false},              // not data up
-      {false, kEui, "fport", "6", "2", false},              // not the device's upFport
-      {false, kEui, "after", "5", "2", true},
-  };
-  for (const auto& u : uplinks) {
-    if (u.one_shot) {
-      run({TC_BINARY_DIR "/tools/tc-lora-sim/tc-lora-sim", "uplink", u.eui, hex(u.bytes), u.fport, u.mtype});
-    } else {
-      ASSERT_TRUE(gw.lora_sim().write_input(std::string("uplink ") + u.eui + " " + hex(u.bytes) + " " + u.fport + " " +
-                                            u.mtype + "\n"));
-    }
-    if (u.delivered) {
-      EXPECT_EQ(hex(lora_file.read(u.bytes.size(), kWaitMs)), hex(u.bytes)) << u.mtype;
-    }
-  }
+  // A confirmed uplink sent as an operator would, then one the device's
+  // upFport refuses, seen only in the counters and in what comes next.
+  // (Exact datagrams, every mtype and byte value: the bridge's own tests.)
+  run({TC_BINARY_DIR "/tools/tc-lora-sim/tc-lora-sim", "uplink", "00AA11BB22CC33DD", hex("Hello"), "5", "4"});
+  EXPECT_EQ(lora_file.read(5, kWaitMs), "Hello");
+  ASSERT_TRUE(gw.lora_sim().write_input("uplink " + std::string(kEui) + " " + hex("fport") + " 6 2\nuplink " + kEui +
+                                        " " + hex("after") + " 5 2\n"));
+  EXPECT_EQ(lora_file.read(5, kWaitMs), "after");
   // A write goes down as one datagram.
   const std::string down = std::string("down\0\xff\x7f", 7);
   ASSERT_TRUE(lora_file.write(down));
@@ -140,7 +109,7 @@ TEST(OperatorView, TrafficBothWaysAndWhatTheOperatorSeesOfIt) {
       {link, "last_drop", "deal message, connection closed by the peer, fd:%d"},
       {lan, "dev_file", lora},
       {lan, "dev_eui", "00AA11BB22CC33DD"},
-      {lan, "uplinks", 3},
+      {lan, "uplinks", 2},
       {lan, "uplinks_refused", 1},
       {lan, "last_refusal", "uplink FPort is not its upFport"},
       {lan, "downlinks_queued", 1},
