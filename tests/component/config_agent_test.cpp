@@ -177,7 +177,7 @@ TEST_F(Agent, ChangesFromTheManagerReachTheCallbackAndItsResultGoesBack) {
   ASSERT_EQ(run_tool({"reset"}), 0);  // empties every key that had a value
   ASSERT_TRUE(eventually([&] { return subscriber.get().size() == 2; }));
   EXPECT_EQ(subscriber.get()[1], "gw_tc_serial_devices=");
-  EXPECT_EQ(manager.count_lines("result [7]"), 2u) << manager.output();
+  EXPECT_TRUE(manager.wait_for_line("result [7]", 3000, 2)) << manager.output();
 }
 
 // Each call against a scripted answer: the member it calls, the code it
