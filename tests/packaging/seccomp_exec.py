@@ -1,10 +1,8 @@
 #!/usr/bin/python3
-# seccomp_exec.py UNIT PROGRAM [ARGS...]: runs PROGRAM under the system-call
-# filter of the systemd unit UNIT: its SystemCallFilter= lines in order (a "~"
-# line takes calls away), groups expanded as `systemd-analyze syscall-filter`
-# lists them, socket() only for AF_UNIX and AF_INET, the native ABI only.  Any
-# other call ends the process at once, so that a test sees what the unit would
-# refuse.  The caller sets no_new_privs first (setpriv --no-new-privs).
+# seccomp_exec.py UNIT PROGRAM [ARGS...]: runs PROGRAM under UNIT's SystemCallFilter= lines
+# (groups expanded as `systemd-analyze syscall-filter` lists them), socket() for AF_UNIX and
+# AF_INET only, the native ABI only.  Any other call ends the process, so that a test sees
+# what the unit would refuse.  The caller sets no_new_privs first (setpriv --no-new-privs).
 import errno, os, socket, subprocess, sys
 import seccomp
 
