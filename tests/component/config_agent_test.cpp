@@ -186,6 +186,7 @@ TEST_F(Agent, ManagerAnswersGiveTheseCodesAndLines) {
   std::string value = "untouched";
   EXPECT_EQ(agent->get_config("k", value, 1000), CConfigAgent::kCallFailed) << "nobody owns the manager's name";
   EXPECT_EQ(log.count("get config, block_call [-5] fail."), 1u) << log.dump();
+  EXPECT_EQ(log.count("handle_error_method, name:org.freedesktop.DBus.Error.ServiceUnknown."), 1u) << log.dump();
   ScriptedManager manager(bus.address());
   using A = ScriptedManager::Answer;
   const int32_t failed = CConfigAgent::kCallFailed;
