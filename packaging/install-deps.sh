@@ -9,7 +9,7 @@ packages=(
   libgtest-dev libbenchmark-dev
   clang libclang-rt-dev
   iproute2 util-linux
-  systemd libglib2.0-bin
+  systemd libglib2.0-bin python3-seccomp
 )
 
 missing=()

@@ -3,7 +3,7 @@
 # under what the systemd unit imposes that a test can impose without systemd:
 # the file system read-only but for the folder LINKS (and /dev, /proc, /sys), a
 # /dev of its own with only the basic devices and the pseudo-terminals, no new
-# privileges and no capabilities.  PROGRAM may be tc-seccomp-exec, for the
+# privileges and no capabilities.  PROGRAM may be seccomp_exec.py, for the
 # system-call filter.  Needs root.
 set -e
 if [ "${TC_IN_SANDBOX:-}" != 1 ]; then

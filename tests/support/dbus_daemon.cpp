@@ -1,13 +1,13 @@
 #include "tests/support/dbus_daemon.h"
 
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 namespace tc_test {
 
@@ -17,13 +17,6 @@ std::string config_path() {
   std::string here = __FILE__;
   return here.substr(0, here.rfind('/') + 1) + "dbus_daemon.conf";
 }
-
-void make_dirs(const std::string& dir) {
-  for (size_t pos = 1; pos != std::string::npos;) {
-    pos = dir.find('/', pos + 1);
-    mkdir(dir.substr(0, pos).c_str(), 0755);
-  }
-}
 }  // namespace
 
 DBusDaemon::~DBusDaemon() {
@@ -32,8 +25,7 @@ DBusDaemon::~DBusDaemon() {
 }
 
 bool DBusDaemon::start(const std::string& socket_path, const std::string& config_file) {
-  m_error = running() ? "already running" : "";
-  if (running()) return false;
+  m_error.clear();
   if (m_dir.empty()) {
     char dir[] = "/tmp/tc-dbus-XXXXXX";
     if (!mkdtemp(dir)) {
@@ -47,7 +39,8 @@ bool DBusDaemon::start(const std::string& socket_path, const std::string& config
     m_error = "socket path too long: " + m_socket;
     return false;
   }
-  make_dirs(m_socket.substr(0, m_socket.rfind('/')));
+  std::error_code ignored;  // a folder that cannot be made shows as the daemon's error
+  std::filesystem::create_directories(m_socket.substr(0, m_socket.rfind('/')), ignored);
   unlink(m_socket.c_str());
   m_daemon = std::make_unique<ChildProcess>(std::vector<std::string>{
       "/usr/bin/dbus-daemon", "--config-file=" + (config_file.empty() ? config_path() : config_file),
