@@ -23,7 +23,8 @@ std::atomic<bool> g_tty{false};
 // getpid() is a system call, and every line names the process: the number is
 // kept, and forgotten in a forked child.
 std::atomic<pid_t> g_pid{0};
-[[maybe_unused]] const int g_pid_forget = pthread_atfork(nullptr, nullptr, [] { g_pid.store(0, std::memory_order_relaxed); });
+void forget_pid() { g_pid.store(0, std::memory_order_relaxed); }
+[[maybe_unused]] const int g_pid_forget = pthread_atfork(nullptr, nullptr, forget_pid);
 std::atomic<const LogCapture*> g_capture{nullptr};
 
 // Appends text to a fixed buffer, cutting it when full.  Async-signal-safe.
