@@ -77,23 +77,19 @@ class Agent : public testing::Test {
                                                                       "empty="});
     ASSERT_TRUE(manager->wait_for_line("ready on", 10000)) << manager->output();
   }
-  int run_tool(std::vector<std::string> args) {
-    args.insert(args.begin(), kTool);
-    args.insert(args.end(), {"--bus", bus.address()});
-    ChildProcess tool(args);
-    int status = 0;
+  // A program run to its end: its first output line, or why it failed.
+  std::string run(const std::vector<std::string>& argv) {
+    ChildProcess tool(argv);
+    int status = -1;
     EXPECT_TRUE(tool.wait_exit(10000, &status)) << tool.output();
-    return tc_test::exit_code(status);
+    const std::string out = tool.output();
+    return status == 0 ? out.substr(0, out.find('\n')) : "failed: " + out;
   }
   // A call to the agent's channel through busctl (signature, arguments): the
   // reply as busctl prints it ("i 7", "" for an empty one).
   std::string send(const std::string& member, std::vector<std::string> args = {"s", "x"}) {
     args.insert(args.begin(), {"/usr/bin/busctl", "--address=" + bus.address(), "call", kSelf, kPath, kSelf, member});
-    ChildProcess tool(args);
-    int status = -1;
-    EXPECT_TRUE(tool.wait_exit(10000, &status)) << tool.output();
-    const std::string out = tool.output();
-    return status == 0 ? out.substr(0, out.find('\n')) : "failed: " + out;
+    return run(args);
   }
   // First, so it outlives every thread that may still log.
   tc_test::LogCaptureScope log;
@@ -117,13 +113,13 @@ TEST_F(Agent, NotificationsFollowTheSubscriptionTable) {
 
   const std::string key = "gw_tc_serial_devices";
   ASSERT_EQ(agent->subscribe_config(key, bind(&Agent::on_change), 1, 3000), 0);
-  ASSERT_EQ(run_tool({"set", key, "[1]"}), 0);
+  ASSERT_EQ(run({kTool, "set", key, "[1]", "--bus", bus.address()}), "");
   ASSERT_TRUE(eventually([&] { return recorded().size() == 1; }));
   EXPECT_EQ(recorded()[0], key + "=[1] read [1]") << "the callback could call the manager back";
   EXPECT_TRUE(manager->wait_for_line("notify_config, [" + key + "] to [" + kSelf + "] result [7].", 3000))
       << manager->output();
   ASSERT_EQ(agent->subscribe_config(key, bind(&Agent::other), 1, 3000), 0);
-  ASSERT_EQ(run_tool({"reset"}), 0);  // empties every key that had a value
+  ASSERT_EQ(run({kTool, "reset", "--bus", bus.address()}), "");  // empties every key that had a value
   ASSERT_TRUE(eventually([&] { return recorded().size() == 2; }));
   EXPECT_EQ(recorded()[1], "other:" + key + "=");
   EXPECT_TRUE(manager->wait_for_line("result [8]", 3000)) << manager->output();
@@ -148,7 +144,7 @@ TEST_F(Agent, NotificationsFollowTheSubscriptionTable) {
 // agent returns and the one line it logs (refusals of get_config are not logged).
 TEST_F(Agent, ManagerAnswersGiveTheseCodesAndLines) {
   start_manager();
-  ASSERT_EQ(run_tool({"set", "k", "stored"}), 0);
+  ASSERT_EQ(run({kTool, "set", "k", "stored", "--bus", bus.address()}), "");
   std::string value = "untouched";
   auto get = [&](const char* key) { return [&, key] { return agent->get_config(key, value, 3000); }; };
   const int32_t failed = CConfigAgent::kCallFailed;
