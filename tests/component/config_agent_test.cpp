@@ -177,7 +177,7 @@ TEST_F(Agent, ManagerAnswersGiveTheseCodesAndLines) {
     EXPECT_EQ(log.count_prefix("get config"), std::string(row.line).rfind("get config", 0) == 0 ? 1u : 0u);
     EXPECT_EQ(log.count(row.line), *row.line ? 1u : 0u) << log.dump();
     if (row.member) {
-      EXPECT_TRUE(manager->wait_for_line(std::string(row.member) + " answered", 3000));
+      EXPECT_TRUE(manager->wait_for_line("answered_as_told: " + std::string(row.member) + " answered", 3000));
     }
   }
   EXPECT_EQ(value, "stored") << "only a full answer sets the value";
