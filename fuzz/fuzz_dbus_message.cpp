@@ -42,8 +42,19 @@ void step(CDBusMessage& message, uint8_t code) {
       }
       break;
     case 5: s = message.get_path() + message.get_interface() + message.get_member(); break;
-    case 6: CDBusMessage(message).get_string(s); break;  // a copy reads from the first argument on
-    case 7: message = CDBusMessage(message); break;      // reading restarts at the first argument
+    case 6:  // a copy reads from the first argument on
+    case 7: {  // an assignment, of the same message or of a replica as received, restarts reading
+      DBusMessage* replica = dbus_message_copy(message.get_message());
+      dbus_message_set_serial(replica, 1);
+      CDBusMessage copy(message);
+      if (code % 12 == 7) message = (code & 0x80) ? CDBusMessage(replica) : copy;
+      dbus_message_unref(replica);
+      CDBusMessage& reader = code % 12 == 6 ? copy : message;
+      std::string first;
+      const bool read = CDBusMessage(reader.get_message()).get_string(first);
+      check(reader.get_string(s) == read && s == first, "reading did not start at the first argument");
+      break;
+    }
     case 8:
       // A received message carries a serial, so it is locked: every append fails.
       check(!message.set_string("x") && !message.set_int32(1) && !message.set_uint64(2) &&

@@ -34,11 +34,9 @@ for entry in "${targets[@]}"; do
   rm -rf "$build/corpus/$name" "$artifacts"
   mkdir -p "$build/corpus/$name" "$artifacts"
   cp fuzz/corpus/"$name"/* "$build/corpus/$name"/
-  dict=()
-  [ -f "fuzz/$name.dict" ] && dict=(-dict="fuzz/$name.dict")
   echo "fuzz: $name for ${seconds}s"
-  if "$build/fuzz/$name" "$build/corpus/$name" "${dict[@]}" -max_total_time="$seconds" -max_len="${entry#*:}" \
-      -timeout=10 -rss_limit_mb=1024 -malloc_limit_mb=256 -artifact_prefix="$artifacts" -print_final_stats=1 \
+  if "$build/fuzz/$name" "$build/corpus/$name" -dict="fuzz/$name.dict" -max_total_time="$seconds" \
+      -max_len="${entry#*:}" -timeout=10 -rss_limit_mb=1024 -malloc_limit_mb=256 -artifact_prefix="$artifacts" -print_final_stats=1 \
       >"$log" 2>&1; then
     grep -E '^(Done|stat::number_of_executed_units)' "$log" | tail -n 2 | sed 's/^/  /'
   else

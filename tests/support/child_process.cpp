@@ -14,12 +14,7 @@ namespace tc_test {
 ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::vector<int>& blocked) {
   int out[2];
   int in[2];
-  if (pipe2(out, O_CLOEXEC) != 0) return;
-  if (pipe2(in, O_CLOEXEC) != 0) {
-    close(out[0]);
-    close(out[1]);
-    return;
-  }
+  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(in, O_CLOEXEC) != 0) return;  // started() says so
   std::vector<char*> args;
   for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);

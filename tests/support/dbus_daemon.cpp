@@ -1,7 +1,6 @@
 #include "tests/support/dbus_daemon.h"
 
 #include <signal.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -35,10 +34,6 @@ bool DBusDaemon::start(const std::string& socket_path, const std::string& config
     m_dir = dir;
   }
   m_socket = socket_path.empty() ? m_dir + "/bus_socket" : socket_path;
-  if (m_socket.size() >= sizeof(sockaddr_un::sun_path)) {
-    m_error = "socket path too long: " + m_socket;
-    return false;
-  }
   std::error_code ignored;  // a folder that cannot be made shows as the daemon's error
   std::filesystem::create_directories(m_socket.substr(0, m_socket.rfind('/')), ignored);
   unlink(m_socket.c_str());

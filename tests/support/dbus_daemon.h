@@ -30,10 +30,8 @@ class DBusDaemon {
   // SIGTERM (SIGKILL after 2 s); removes the socket.  Safe when not running.
   void stop() { end(SIGTERM); }
 
-  bool running() const { return m_daemon != nullptr; }
   // "unix:path=<socket>", as clients pass it to libdbus.
   std::string address() const { return "unix:path=" + m_socket; }
-  const std::string& socket_path() const { return m_socket; }
   const std::string& error() const { return m_error; }
 
  private:

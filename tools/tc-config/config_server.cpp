@@ -55,32 +55,43 @@ void CConfigServer::get_config(Call& call, Return& reply) {
     reply.set_int32(kBadRequest);
     return;
   }
+  if (answered_as_told(call, key, reply)) return;
   reply.set_int32(0);
   reply.set_string(m_store->get(key));
 }
 
-void CConfigServer::set_config(Call& call, Return& reply) { reply.set_int32(store_value(call)); }
+void CConfigServer::set_config(Call& call, Return& reply) { store_value(call, reply); }
 
 // The development manager keeps no secrets: a secure set is a plain set.
-void CConfigServer::set_config_security(Call& call, Return& reply) { reply.set_int32(store_value(call)); }
+void CConfigServer::set_config_security(Call& call, Return& reply) { store_value(call, reply); }
 
-int32_t CConfigServer::store_value(Call& call) {
+void CConfigServer::store_value(Call& call, Return& reply) {
   std::string key;
   std::string value;
   if (!call.get_string(key) || !call.get_string(value)) {
     TC_LOG(2, "set_config, malformed request.");
-    return kBadRequest;
+    reply.set_int32(kBadRequest);
+    return;
   }
+  if (answered_as_told(call, key, reply)) return;
   if (CConfigStore::holds_json(key) && !CConfigStore::is_json(value)) {
     TC_LOG(2, "set_config, [%s] is not valid JSON, stored anyway.", key.c_str());
   }
+  reply.set_int32(0);
   if (!m_store->set(key, value)) {
     TC_LOG(1, "set_config, [%s] unchanged, nobody notified.", key.c_str());
-    return 0;
+    return;
   }
   TC_LOG(1, "set_config, [%s] changed.", key.c_str());
   notify(key, value);
-  return 0;
+}
+
+bool CConfigServer::answered_as_told(Call& call, const std::string& key, Return& reply) {
+  const auto told = m_told.find(key);
+  if (told == m_told.end()) return false;
+  if (!told->second.empty()) reply.set_int32(static_cast<int32_t>(std::stol(told->second)));
+  TC_LOG(1, "%s, [%s] answered [%s] as told.", call.get_member().c_str(), key.c_str(), told->second.c_str());
+  return true;
 }
 
 void CConfigServer::subscribe_config(Call& call, Return& reply) {
@@ -92,6 +103,7 @@ void CConfigServer::subscribe_config(Call& call, Return& reply) {
     reply.set_int32(kBadRequest);
     return;
   }
+  if (answered_as_told(call, key, reply)) return;
   if (path_of(subscriber).empty()) {
     TC_LOG(2, "subscribe_config, [%s] gives no object path to notify.", subscriber.c_str());
     reply.set_int32(kBadRequest);
@@ -110,6 +122,7 @@ void CConfigServer::unsubscribe_config(Call& call, Return& reply) {
     reply.set_int32(kBadRequest);
     return;
   }
+  if (answered_as_told(call, key, reply)) return;
   m_subscriptions.erase({key, subscriber});
   TC_LOG(1, "unsubscribe_config, [%s] unsubscribed from [%s].", subscriber.c_str(), key.c_str());
   reply.set_int32(0);

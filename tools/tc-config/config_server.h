@@ -38,6 +38,10 @@ class CConfigServer {
   bool start();
   void stop();
   void set_error_callback(const Component::CDBusErrorCallback& callback);
+  // Every later request about `key` gets `code` alone and changes nothing; an
+  // empty `code` is an answer without any argument.  For trying a subscriber
+  // against a manager that refuses or answers short.
+  void answer_as_told(const std::string& key, const std::string& code) { m_told[key] = code; }
 
   // The object path a subscriber is notified at: its bus name with dots as
   // slashes ("iot.gateway.transparentchannel" -> "/iot/gateway/transparentchannel"),
@@ -57,12 +61,15 @@ class CConfigServer {
   void reset_config(Call& call, Return& reply);
   void list_config(Call& call, Return& reply);
 
-  int32_t store_value(Call& call);
+  void store_value(Call& call, Return& reply);
+  // True when `key` has a told answer, now sent in `reply`.
+  bool answered_as_told(Call& call, const std::string& key, Return& reply);
   void notify(const std::string& key, const std::string& value);
   // Runs on the reader thread when a subscriber answers.
   void notify_result(uint32_t status, Return& reply, uint64_t context);
 
   CConfigStore* m_store;
+  std::map<std::string, std::string> m_told;  // key -> code, set before start()
   // (key, subscriber); handlers only, all on the callback worker.
   std::set<std::pair<std::string, std::string>> m_subscriptions;
   // Notifications awaiting their answer: context -> (key, subscriber).

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <iostream>
 #include <iterator>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -46,6 +47,10 @@ const char* const kHelp =
     "  --store FILE    serve: JSON object file of the keys, read at start (a missing\n"
     "                  file is an empty store) and written by flush and when serve\n"
     "                  stops on SIGTERM/SIGINT; without it values live in memory only\n"
+    "  --answer KEY=CODE  serve, repeatable: answer every request about KEY with the\n"
+    "                  int32 CODE alone and change nothing (KEY= answers with no\n"
+    "                  argument at all), to try a subscriber against a manager\n"
+    "                  that refuses, loses a value or answers short\n"
     "  --timeout MS    clients: how long to wait for an answer (default 3000)\n"
     "  -v, --verbose   clients: also print the bus layer's log lines\n"
     "  -h, --help      this text\n"
@@ -72,6 +77,7 @@ const char* const kHelp =
 struct Options {
   std::string bus = kDefaultBus;
   std::string store;
+  std::map<std::string, std::string> answers;
   uint32_t timeoutMs = 3000;
   bool verbose = false;
   bool help = false;
@@ -87,12 +93,22 @@ int usage(const std::string& problem) {
 std::string parse(int argc, char** argv, Options& options) {
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
-    const bool valued = arg == "--bus" || arg == "--store" || arg == "--timeout";
+    const bool valued = arg == "--bus" || arg == "--store" || arg == "--timeout" || arg == "--answer";
     if (valued && i + 1 >= argc) return arg + " needs a value";
     if (arg == "--bus") {
       options.bus = argv[++i];
     } else if (arg == "--store") {
       options.store = argv[++i];
+    } else if (arg == "--answer") {
+      const std::string told = argv[++i];
+      const size_t eq = told.find('=');
+      char* end = nullptr;
+      const std::string code = eq == std::string::npos ? "" : told.substr(eq + 1);
+      const long value = strtol(code.c_str(), &end, 10);
+      if (eq == std::string::npos || eq == 0 || *end != '\0' || value != static_cast<int32_t>(value)) {
+        return "--answer takes KEY=CODE, CODE an int32 or nothing";
+      }
+      options.answers[told.substr(0, eq)] = code;
     } else if (arg == "--timeout") {
       char* end = nullptr;
       const unsigned long ms = strtoul(argv[++i], &end, 10);
@@ -136,6 +152,7 @@ int serve(const Options& options) {
   sigaction(SIGINT, &action, nullptr);
 
   CConfigServer server(options.bus, &store);
+  for (const auto& told : options.answers) server.answer_as_told(told.first, told.second);
   server.set_error_callback(Zentrova::Iot::Component::CDBusErrorCallback(&on_bus_error));
   if (!server.start()) {
     fprintf(stderr, "tc-config: cannot serve on %s: the bus is unreachable or iot.dmp.configmanager has an owner\n",
@@ -172,7 +189,7 @@ int client(const Options& options) {
     return usage("unknown command " + command);
   }
   if (w.size() != wanted) return usage(command + " takes " + std::to_string(wanted - 1) + " argument(s)");
-  if (!options.store.empty()) return usage("--store belongs to serve");
+  if (!options.store.empty() || !options.answers.empty()) return usage("--store and --answer belong to serve");
 
   log_init("tc-config", options.verbose ? 1 : 0, 0, 2);
   const std::string value = command == "set" ? (w[2] == "-" ? read_input() : w[2]) : "";
