@@ -171,7 +171,6 @@ TEST_F(Lora, UplinksReachTheFilesTheirEuiAndFportAdmitAndDownlinksAreTheServersT
                                   recv + "send response error result:7"}) {
     EXPECT_EQ(log.count(line), 1u) << line;
   }
-  EXPECT_EQ(log.count_prefix("recv_lora_message, send response error"), 1u);
   EXPECT_EQ(log.count_prefix("threadProc, recv_lora_message error, fd:"), 4u);  // the four refusals
 
   ASSERT_TRUE(fc.write("Hey?"));
@@ -263,9 +262,8 @@ TEST_F(Lora, DeviceListChangesReplaceOnlyWhatChanged) {
   ASSERT_TRUE(fa.write("y"));  // a kept its file all along
   EXPECT_EQ(downlink(2), "y");
 
-  // Not JSON leaves no devices, nor does an empty value; the RF key is not the bridge's.
+  // Not JSON leaves no devices, nor does an empty value.
   log.clear();
-  notify(kRfKey, "[]");
   notify(kDevicesKey, "[{");
   ASSERT_TRUE(log.wait_for_prefix("threadProc, delete device", 5000, 2)) << log.dump();
   EXPECT_TRUE(log.contains("deal_device_change_config, convert to json fail."));
@@ -304,8 +302,7 @@ TEST_F(Lora, FailedLanStartsHoldNothingAndAStopKeepsThePathsForTheNextStart) {
   EXPECT_EQ(log.count_prefix("start,"), 0u) << "running: nothing read again";
 
   lan->stop();
-  EXPECT_TRUE(port_free(LORA_LAN_LOCAL_PORT));
-  EXPECT_TRUE(path_exists(path));
+  EXPECT_TRUE(port_free(LORA_LAN_LOCAL_PORT) && path_exists(path));
   set(kIntervalKey, "5");
   EXPECT_FALSE(log.wait_for_prefix("deal_down_packet_interval_change_config", 500)) << "unsubscribed";
   ASSERT_EQ(lan->start(), 1);
