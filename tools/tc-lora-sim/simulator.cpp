@@ -131,10 +131,10 @@ bool CSimulator::reply_command(const std::string& verb, const std::string& rest)
     print(whom + " now get no answer");
   } else if (what == "result" && parse_int(rest, number)) {
     replier.set_result(number);
-    print(whom + " now get result " + rest);
+    print(whom + " now get result " + std::to_string(number));
   } else if (what == "delay" && parse_int(rest, number) && number >= 0) {
     replier.set_delay_ms(number);
-    print(whom + " now get their answers after " + rest + " ms");
+    print(whom + " now get their answers after " + std::to_string(number) + " ms");
   } else {
     print("error: " + verb + (what == "once" ? " needs a text" : what == "delay" ? " takes milliseconds"
                                                                               : " takes an integer or \"silent\""));
