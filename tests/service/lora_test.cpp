@@ -1,8 +1,8 @@
 // The LoRa LAN bridge and node provisioning with real parts: keys from
-// "tc-config serve" on a private bus; the test plays the LAN server
-// (127.0.0.1:18098) and the node service (127.0.0.1:16058) datagram by
-// datagram, with answers no simulator gives (late, not JSON, no result), and
-// the user of the device files (pseudo-terminals).
+// "tc-config serve" on a private bus; tc-lora-sim plays the LAN server and
+// the node service, cued through its input for the odd datagrams, answers
+// and delays a gateway may meet; the user of the device files is the test
+// (pseudo-terminals).
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -10,11 +10,9 @@
 #include <chrono>
 #include <fstream>
 #include <future>
-#include <optional>
 #include <string>
-#include <thread>
+#include <vector>
 
-#include "common/json/json_text.h"
 #include "component/dbus_channel.h"
 #include "service/common.h"
 #include "service/lora_lan.h"
@@ -29,7 +27,6 @@
 using namespace std::chrono;
 using namespace Zentrova::Iot::TransparentChannel;
 using namespace Zentrova::Iot::Component;
-using e2e::Udp;
 using tc_test::DeviceFile;
 using tc_test::path_exists;
 
@@ -41,35 +38,12 @@ const char* const kIntervalKey = "gw_tc_loralan_down_packet_interval";
 const char* const kRfKey = "gw_tc_loralan_rf";
 const std::string kEui = "00aa11bb22cc33dd";
 const std::string kOtherEui = "0102030405060708";
-const std::string kOk = "{\"result\":0}";
-const std::string kDefaultRf = R"({"class-c":{"RX2Frequency":"486900000","SF":"7","TxPower":"17"},"method":"set_rf"})";
+const std::string kDefaultRf = R"(node set_rf RX2Frequency="486900000" TxPower="17" SF="7")";
 
-bool port_free(uint16_t port) { return Udp(port).fd >= 0; }
+bool port_free(uint16_t port) { return e2e::Udp(port).fd >= 0; }
 
 std::string item(const std::string& file, const std::string& eui, const std::string& extra = "") {
   return "{\"devFile\":\"" + file + "\",\"devEUI\":\"" + eui + "\"" + extra + "}";
-}
-
-std::string uplink(const std::string& eui, const std::string& data, int fport, const std::string& mtype = "2") {
-  return "{\"devEui\":\"" + eui + "\",\"data\":\"" + data + "\",\"mtype\":" + mtype +
-         ",\"fport\":" + std::to_string(fport) + "}";
-}
-
-std::string data_of(const std::optional<std::string>& downlink) {
-  const std::string text = downlink.value_or("(none)"), key = "\"data\":\"";
-  const size_t at = text.find(key) + key.size();
-  std::string bytes;
-  hex_to_bytes(text.substr(at, text.find('"', at) - at), bytes);
-  return bytes;
-}
-
-// "method count first-EUI" of a node list request; other text as it is.
-std::string summary(const std::string& request) {
-  Json::Value root;
-  if (!Zentrova::Iot::Platform::string_to_json(request, root) || !root.isMember("loranode")) return request;
-  const Json::Value& nodes = root["loranode"];
-  const std::string text = root["method"].asString() + " " + std::to_string(nodes.size());
-  return nodes.empty() ? text : text + " " + nodes[0]["devEui"].asString();
 }
 
 std::string nodes(int n) {
@@ -82,6 +56,12 @@ std::string nodes(int n) {
   return "[" + text + "]";
 }
 
+// What follows `key` in `line`, up to `end`.
+std::string between(const std::string& line, const std::string& key, const std::string& end) {
+  const size_t at = line.find(key) + key.size();
+  return line.substr(at, line.find(end, at) - at);
+}
+
 class Lora : public testing::Test {
  protected:
   void SetUp() override {
@@ -89,12 +69,12 @@ class Lora : public testing::Test {
     manager = std::make_unique<tc_test::ChildProcess>(std::vector<std::string>{
         TC_BINARY_DIR "/tools/tc-config/tc-config", "serve", "--bus", daemon.address()});
     ASSERT_TRUE(manager->wait_for_line("ready on", 10000)) << manager->output();
+    ASSERT_TRUE(sim.wait_for_line("ready:", 10000)) << sim.output();
     channel = std::make_unique<CDBusChannel>(daemon.address(), kSelf, "/iot/gateway/transparentchannel",
                                              std::vector<std::string>{});
     channel->register_signal("NameAcquired", CDBusSignalHandler());
     agent = std::make_unique<CConfigAgent>(channel.get(), kSelf);
     ASSERT_EQ(channel->start(), 1);
-    ASSERT_TRUE(server.fd >= 0 && node_service.fd >= 0);
     lan = std::make_unique<CLoraLan>(agent.get());
     node = std::make_unique<CLoraNode>(agent.get());
   }
@@ -120,17 +100,34 @@ class Lora : public testing::Test {
     int extra = 0;
     lan->config_change_callback(key, value, extra);
   }
+  // Commands for the simulator, done when it has answered the "help" behind them.
+  void cue(const std::string& commands) {
+    ASSERT_TRUE(sim.write_input(commands + "help\n"));
+    ASSERT_TRUE(sim.wait_for_line("commands: uplink", 5000, ++cues)) << sim.output();
+  }
   // One write, read by the bridge before the next: one downlink each.
   void write_chunk(DeviceFile& file, const std::string& bytes) {
     const size_t before = log.count_prefix("recv_file, fd:");
     ASSERT_TRUE(file.write(bytes));
     ASSERT_TRUE(log.wait_for_prefix("recv_file, fd:", 5000, before + 1));
   }
-  // The node service's side of one exchange.
-  std::string serve(const std::string& answer) {
-    const auto request = node_service.receive();
-    node_service.send(LORA_NODE_LOCAL_PORT, answer);
-    return summary(request.value_or("(no request)"));
+  // The simulator's lines for the datagrams it received, once `n` came or in
+  // `ms` (downlinks and node requests: a test meets only one kind).
+  std::vector<std::string> received(size_t n, int ms = 5000) {
+    sim.wait_for_line(" <= ", ms, n);
+    std::vector<std::string> found;
+    for (const auto& line : sim.lines()) {
+      if (line.find(" <= ") != std::string::npos) found.push_back(line);
+    }
+    return found;
+  }
+  // The payload of the `n`th downlink (from 1), once it came; "(none)" if not.
+  std::string downlink(size_t n, int ms = 5000) {
+    const auto lines = received(n, ms);
+    std::string bytes;
+    if (lines.size() < n) return "(none)";
+    hex_to_bytes(between(lines[n - 1], " data=\"", "\""), bytes);
+    return bytes;
   }
   std::future<int> change(const std::string& key, const std::string& value) {
     return std::async(std::launch::async, [this, key, value] {
@@ -138,15 +135,15 @@ class Lora : public testing::Test {
       return node->config_change_callback(key, value, extra);
     });
   }
-  bool no_more_requests() { return !node_service.receive(300); }
 
   tc_test::LogCaptureScope log;  // first: outlives every thread that may log
   tc_test::TempDir dir;
   tc_test::DBusDaemon daemon;
   std::unique_ptr<tc_test::ChildProcess> manager;
+  tc_test::ChildProcess sim{{TC_BINARY_DIR "/tools/tc-lora-sim/tc-lora-sim", "--show-datagrams"}};
+  size_t cues = 0;
   std::unique_ptr<CDBusChannel> channel;
   std::unique_ptr<CConfigAgent> agent;
-  Udp server{LORA_LAN_SERVER_PORT}, node_service{LORA_NODE_SERVER_PORT};
   std::unique_ptr<CLoraLan> lan;
   std::unique_ptr<CLoraNode> node;
 };
@@ -158,44 +155,45 @@ TEST_F(Lora, UplinksReachTheFilesTheirEuiAndFportAdmitAndDownlinksAreTheServersT
                    item(c, kOtherEui, ",\"upFport\":-1,\"downFport\":7,\"confirmed\":true") + "]",
                "0", 3);
   DeviceFile fa(a), fb(b), fc(c);
-  for (const std::string& datagram :
-       {uplink("00AA11BB22CC33DD", "414243", 6), uplink(kEui, "44", 5), uplink(kEui, "4d", 5, "4"),
-        uplink(kEui, "4e", 5, "3"), uplink(kOtherEui, "00ff", 223), uplink(kEui, "46", 224),
-        uplink(kEui, "47", 5, "\"2\""),
-        "{\"result\":7,\"devEui\":\"" + kEui + "\",\"data\":\"48\",\"mtype\":2,\"fport\":5}", kOk,
-        std::string("not json"), uplink(kEui, "5a", 5), uplink(kOtherEui, "5A", 1)}) {
-    ASSERT_TRUE(server.send(LORA_LAN_LOCAL_PORT, datagram));
-  }
+  const std::string up = "uplink " + kEui + " ", raw = "raw {\"devEui\":\"" + kEui + "\",";
+  cue("uplink 00AA11BB22CC33DD 414243 6\n" + up + "44 5\n" + up + "4d 5 4\n" + up + "4e 5 3\n" + up + "58 0\n" +
+      "uplink " + kOtherEui + " 00ff 223\n" + up + "46 224\n" + raw + "\"data\":\"47\",\"mtype\":\"2\",\"fport\":5}\n" +
+      raw + "\"result\":7,\"data\":\"48\",\"mtype\":2,\"fport\":5}\nraw {\"result\":0}\nraw not json\n" + up +
+      "5a 5\nuplink " + kOtherEui + " 5A 1\n");
   EXPECT_EQ(fa.read(3, 5000), "DMZ");  // mtype 4 (confirmed) taken, mtype 3 refused
   EXPECT_EQ(fb.read(6, 5000), "ABCDMZ");
   EXPECT_EQ(fc.read(3, 5000), std::string("\x00\xff" "Z", 3));
   EXPECT_EQ(fa.read_for(200) + fb.read_for(0) + fc.read_for(0), "") << "nothing else trails behind";
   const std::string recv = "recv_lora_message, ";
-  for (const std::string& line : {recv + "lora format error fport:224", recv + "lora format error mtype:3",
+  for (const std::string& line : {recv + "lora format error fport:224", recv + "lora format error fport:0",
+                                  recv + "lora format error mtype:3",
                                   recv + "json format error devEui:" + kEui + " data:47 mtype:-1 fport:5",
                                   recv + "send response error result:7"}) {
     EXPECT_EQ(log.count(line), 1u) << line;
   }
-  EXPECT_EQ(log.count_prefix("recv_lora_message, send response error"), 1u);
-  EXPECT_EQ(log.count_prefix("threadProc, recv_lora_message error, fd:"), 3u);  // the three refusals
+  EXPECT_EQ(log.count_prefix("threadProc, recv_lora_message error, fd:"), 4u);  // the four refusals
 
-  ASSERT_TRUE(fc.write("Hi"));
-  EXPECT_EQ(server.receive().value_or(""),
-            R"({"confirmed":"true","data":"4869","devEUI":"0102030405060708","fPort":"7","fcntd":"361"})");
+  ASSERT_TRUE(fc.write("Hey?"));
+  EXPECT_EQ(downlink(1), "Hey?");
+  EXPECT_EQ(between(received(1)[0], " <= ", " -> "),
+            R"({"confirmed":"true","data":"4865793f","devEUI":"0102030405060708","fPort":"7","fcntd":"361"})");
 
-  // Fifty datagrams behind one readiness edge; 5000 bytes in one write, in pieces of at most 1024.
-  std::string expected, hex, block, carried;
+  // Fifty datagrams at once; 5000 bytes in one write, in pieces of at most 1024.
+  std::string expected, hex, block, carried, commands;
   for (int i = 10; i < 60; ++i, hex.clear()) {
     bytes_to_hex(std::to_string(i), hex);
-    ASSERT_TRUE(server.send(LORA_LAN_LOCAL_PORT, uplink(kOtherEui, hex, 9)));
+    commands += "uplink " + kOtherEui + " " + hex + " 9\n";
     expected += std::to_string(i);
   }
+  cue(commands);
   EXPECT_EQ(fc.read(expected.size(), 5000), expected);
   for (int i = 0; i < 5000; ++i) block.push_back(static_cast<char>(i * 7 + i / 256));
   ASSERT_TRUE(fa.write(block));
-  for (std::optional<std::string> sent; carried.size() < block.size(); carried += data_of(sent)) {
-    ASSERT_TRUE(sent = server.receive()) << carried.size() << " of " << block.size() << " bytes came";
-    EXPECT_LE(data_of(sent).size(), 1024u);
+  for (size_t n = 2; carried.size() < block.size(); ++n) {
+    const std::string piece = downlink(n);
+    ASSERT_NE(piece, "(none)") << carried.size() << " of " << block.size() << " bytes came";
+    EXPECT_LE(piece.size(), 1024u);
+    carried += piece;
   }
   EXPECT_EQ(carried, block);
 }
@@ -206,17 +204,19 @@ TEST_F(Lora, DownlinksLeaveOnePerIntervalAndAFullQueueDropsItsOldest) {
   DeviceFile file(path);
   for (const char* chunk : {"one", "two", "three"}) write_chunk(file, chunk);
   steady_clock::time_point last;
+  size_t n = 0;
   for (const char* chunk : {"one", "two", "three"}) {
-    EXPECT_EQ(data_of(server.receive()), chunk);
+    EXPECT_EQ(downlink(++n), chunk);
     const auto gap = duration_cast<milliseconds>(steady_clock::now() - last).count();
-    EXPECT_TRUE(!last.time_since_epoch().count() || (gap >= 280 && gap <= 1500)) << gap;  // 10 ms ticks
+    // 10 ms ticks, and the way through the simulator's output on either side
+    EXPECT_TRUE(!last.time_since_epoch().count() || (gap >= 250 && gap <= 1500)) << gap;
     last = steady_clock::now();
   }
   const auto zero = steady_clock::now();
   set(kIntervalKey, "");  // 3500
   ASSERT_TRUE(log.wait_for_prefix(std::string("deal_down_packet_interval_change_config, ") + kIntervalKey, 5000));
   write_chunk(file, "four");
-  EXPECT_EQ(data_of(server.receive(6000)), "four");
+  EXPECT_EQ(downlink(++n, 6000), "four");
   const auto gap = duration_cast<milliseconds>(steady_clock::now() - zero).count();
   EXPECT_TRUE(gap >= 3400 && gap <= 5000) << gap;
 
@@ -226,15 +226,14 @@ TEST_F(Lora, DownlinksLeaveOnePerIntervalAndAFullQueueDropsItsOldest) {
   EXPECT_EQ(accepted, 0);
   const int kWrites = 40;
   for (int i = 0; i < kWrites; ++i) write_chunk(file, "m" + std::to_string(100 + i));
-  EXPECT_FALSE(server.receive(700)) << "held back by the long interval";
+  EXPECT_EQ(downlink(n + 1, 700), "(none)") << "held back by the long interval";
   set(kIntervalKey, "0");  // the waiting ones leave from the next check
-  std::vector<std::string> sent;
-  while (auto datagram = server.receive(1500)) sent.push_back(data_of(datagram));
+  EXPECT_EQ(downlink(n + 32), "m" + std::to_string(100 + kWrites - 1));
+  EXPECT_EQ(downlink(n + 33, 1500), "(none)");
   const size_t evicted = log.count_prefix("send_lora_message, down packet queue too long");
   EXPECT_EQ(log.count("send_lora_message, down packet queue too long, size:32"), evicted) << "never above 32";
-  EXPECT_EQ(sent.size() + evicted, static_cast<size_t>(kWrites));
-  ASSERT_EQ(sent.size(), 32u);  // the 32 newest, in order
-  for (int k = 0; k < 32; ++k) EXPECT_EQ(sent[k], "m" + std::to_string(100 + kWrites - 32 + k));
+  EXPECT_EQ(evicted, static_cast<size_t>(kWrites - 32));
+  for (int k = 0; k < 32; ++k) EXPECT_EQ(downlink(n + 1 + k), "m" + std::to_string(100 + kWrites - 32 + k));
 }
 
 TEST_F(Lora, DeviceListChangesReplaceOnlyWhatChanged) {
@@ -258,14 +257,14 @@ TEST_F(Lora, DeviceListChangesReplaceOnlyWhatChanged) {
   EXPECT_LT(text.find("add device fd:"), text.find(b_is + "11")) << text;
   DeviceFile fb(b);
   ASSERT_TRUE(fb.write("x"));
-  EXPECT_EQ(server.receive().value_or(""),
+  EXPECT_EQ(downlink(1), "x");
+  EXPECT_EQ(between(received(1)[0], " <= ", " -> "),
             R"({"confirmed":"false","data":"78","devEUI":"0102030405060708","fPort":"11","fcntd":"361"})");
   ASSERT_TRUE(fa.write("y"));  // a kept its file all along
-  EXPECT_EQ(data_of(server.receive()), "y");
+  EXPECT_EQ(downlink(2), "y");
 
-  // Not JSON leaves no devices, nor does an empty value; the RF key is not the bridge's.
+  // Not JSON leaves no devices, nor does an empty value.
   log.clear();
-  notify(kRfKey, "[]");
   notify(kDevicesKey, "[{");
   ASSERT_TRUE(log.wait_for_prefix("threadProc, delete device", 5000, 2)) << log.dump();
   EXPECT_TRUE(log.contains("deal_device_change_config, convert to json fail."));
@@ -304,22 +303,21 @@ TEST_F(Lora, FailedLanStartsHoldNothingAndAStopKeepsThePathsForTheNextStart) {
   EXPECT_EQ(log.count_prefix("start,"), 0u) << "running: nothing read again";
 
   lan->stop();
-  EXPECT_TRUE(port_free(LORA_LAN_LOCAL_PORT));
-  EXPECT_TRUE(path_exists(path));
+  EXPECT_TRUE(port_free(LORA_LAN_LOCAL_PORT) && path_exists(path));
   set(kIntervalKey, "5");
   EXPECT_FALSE(log.wait_for_prefix("deal_down_packet_interval_change_config", 500)) << "unsubscribed";
   ASSERT_EQ(lan->start(), 1);
   ASSERT_TRUE(added()) << log.dump();
   DeviceFile file(path);
-  ASSERT_TRUE(server.send(LORA_LAN_LOCAL_PORT, uplink(kEui, "616761696e", 3)));
+  cue("uplink " + kEui + " 616761696e 3\n");
   EXPECT_EQ(file.read(5, 5000), "again");
 }
 
 TEST_F(Lora, NodeStartSendsTheConfiguredRfThenTheNodeListAndARefusalReleasesTheSocket) {
   set(kDevicesKey, nodes(1));
-  auto started = std::async(std::launch::async, [this] { return node->start(); });
-  EXPECT_EQ(serve("{\"result\":4}"), "sync 0");
-  EXPECT_EQ(started.get(), 0);
+  cue("node-once {\"result\":4}\n");
+  EXPECT_EQ(node->start(), 0);
+  EXPECT_EQ(received(1).size(), 1u) << "sync 0 only";
   EXPECT_TRUE(log.contains("start, deal_node_change_config fail."));
   EXPECT_TRUE(port_free(LORA_NODE_LOCAL_PORT));
   set(kRfKey, "{");
@@ -329,16 +327,16 @@ TEST_F(Lora, NodeStartSendsTheConfiguredRfThenTheNodeListAndARefusalReleasesTheS
   set(kRfKey, R"({"class-c":{"RX2Frequency":"868100000","TxPower":"20","SF":"9"}})");
   set(kDevicesKey, R"([{"devFile":"/dev/lora0","devEUI":"00aa11bb22cc33dd","devAddr":"0a0b0c0d","nwkskey":"ab",)"
                    R"("appskey":"cd","mode":"abp"},{"devFile":"/dev/lora1","devEUI":"0102"}])");
-  started = std::async(std::launch::async, [this] { return node->start(); });
-  EXPECT_EQ(serve(kOk), R"({"class-c":{"RX2Frequency":"868100000","SF":"9","TxPower":"20"},"method":"set_rf"})");
-  EXPECT_EQ(serve(kOk), "sync 0");
-  const auto request = node_service.receive();
-  node_service.send(LORA_NODE_LOCAL_PORT, kOk);
-  EXPECT_EQ(request.value_or(""), R"({"loranode":[{"appskey":"CD","devAddr":"0A0B0C0D","devEui":"00AA11BB22CC33DD",)"
-                                  R"("mode":"ABP","nwkskey":"AB"},{"appskey":"","devAddr":"","devEui":"0102",)"
-                                  R"("mode":"","nwkskey":""}],"method":"sync"})");
-  EXPECT_EQ(started.get(), 1) << log.dump();
-  EXPECT_TRUE(no_more_requests());
+  EXPECT_EQ(node->start(), 1) << log.dump();
+  const auto sent = received(4);
+  ASSERT_EQ(sent.size(), 4u) << sim.output();
+  EXPECT_EQ(between(sent[1], " <= ", " -> "),
+            R"({"class-c":{"RX2Frequency":"868100000","SF":"9","TxPower":"20"},"method":"set_rf"})");
+  EXPECT_EQ(between(sent[2], " <= ", " -> "), R"({"loranode":[],"method":"sync"})");
+  EXPECT_EQ(between(sent[3], " <= ", " -> "),
+            R"({"loranode":[{"appskey":"CD","devAddr":"0A0B0C0D","devEui":"00AA11BB22CC33DD",)"
+            R"("mode":"ABP","nwkskey":"AB"},{"appskey":"","devAddr":"","devEui":"0102",)"
+            R"("mode":"","nwkskey":""}],"method":"sync"})");
   EXPECT_TRUE(node->rf_ready());
   EXPECT_TRUE(log.contains("sync_abp_node, count:2, response:{\"result\":0}"));
   node->close_socket();
@@ -352,60 +350,57 @@ TEST_F(Lora, NodeStartSendsTheConfiguredRfThenTheNodeListAndARefusalReleasesTheS
   EXPECT_TRUE(log.contains("udp_node_send_and_recv, send_udp fail, iret:-1"));
 }
 
-TEST_F(Lora, NodeChangesSendRfDefaultsForAnEmptyValueAndListsInBatchesOfAHundred) {
+TEST_F(Lora, NodeChangesSendRfDefaultsForAnEmptyValueListsInBatchesOfAHundredAndDropALateAnswer) {
   EXPECT_EQ(node->start(), 1);
-  EXPECT_TRUE(no_more_requests()) << "empty values send nothing at start";
-  const std::string sync100 = "sync 100 0000000000000000";
+  EXPECT_EQ(received(1, 300).size(), 0u) << "empty values send nothing at start";
+  const std::string ok = "node-once {\"result\":0}\n", sync0 = "node sync count=0 devEui= ",
+                    sync100 = "node sync count=100 devEui=0000000000000000,";
   const struct {
     const char* key;
-    std::string value;
-    std::vector<std::pair<std::string, std::string>> exchanges;  // request (or its summary), answer
+    std::string value, cue;  // the node service's answers, cued
+    std::vector<std::string> requests;  // the start of each request's line
     int result;  // device lists answer 0 whatever happens
+    int ms = 0;  // how long the bridge waits, when it must
   } cases[] = {
-      {kRfKey, "", {{kDefaultRf, kOk}}, 1},
-      {kRfKey, R"({"class-c":{"RX2Frequency":"868500000","SF":9}})",
-       {{R"({"class-c":{"RX2Frequency":"868500000","SF":"","TxPower":""},"method":"set_rf"})", "{\"answer\":0}"}}, 0},
-      {kRfKey, "", {{kDefaultRf, "busy"}}, 0},
-      {kRfKey, "class-c", {}, 0},
-      {kDevicesKey, nodes(100), {{"sync 0", kOk}, {sync100, kOk}}, 0},
-      {kDevicesKey, "[]", {{"sync 0", kOk}}, 0},
-      {kDevicesKey, "", {{"sync 0", kOk}}, 0},
-      {kDevicesKey, R"({"devEUI":"01"})", {}, 0},
-      {kDevicesKey, nodes(250), {{"sync 0", kOk}, {sync100, "{\"result\":3}"}}, 0},
-      {kDevicesKey, nodes(250), {{"sync 0", kOk}, {sync100, kOk}, {"add 100 0000000000000064", "{}"}}, 0},
+      // Silent past the bridge's 10 s, then too late: that answer must not pass for the next one.
+      {kRfKey, "", "node-delay 10500\nnode-once {\"result\":9}\n", {kDefaultRf}, 0, 10000},
+      {kRfKey, "", "node-delay 0\n", {kDefaultRf}, 1},
+      {kRfKey, R"({"class-c":{"RX2Frequency":"868500000","SF":9}})", "node-once {\"answer\":0}\n",
+       {R"(node set_rf RX2Frequency="868500000" TxPower="" SF="")"}, 0},
+      {kRfKey, "", "node-once busy\n", {kDefaultRf}, 0},
+      {kRfKey, "class-c", "", {}, 0},
+      {kDevicesKey, nodes(100), ok + ok, {sync0, sync100}, 0},
+      {kDevicesKey, "[]", ok, {sync0}, 0},
+      {kDevicesKey, "", ok, {sync0}, 0},
+      {kDevicesKey, R"({"devEUI":"01"})", "", {}, 0},
+      {kDevicesKey, nodes(250), ok + "node-once {\"result\":3}\n", {sync0, sync100}, 0},
+      {kDevicesKey, nodes(250), ok + ok + "node-once {}\n",
+       {sync0, sync100, "node add count=100 devEui=0000000000000064,"}, 0},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.value.substr(0, 60));
-    auto done = change(c.key, c.value);
-    for (const auto& [request, answer] : c.exchanges) EXPECT_EQ(serve(answer), request);
-    EXPECT_EQ(done.get(), c.result);
-    EXPECT_TRUE(no_more_requests());
+    const size_t before = received(0).size();
+    cue(c.cue);
+    const auto begin = steady_clock::now();
+    EXPECT_EQ(change(c.key, c.value).get(), c.result);
+    const auto waited = duration_cast<milliseconds>(steady_clock::now() - begin).count();
+    EXPECT_TRUE(!c.ms || (waited >= c.ms - 100 && waited <= c.ms + 2000)) << waited;
+    if (c.ms) {
+      ASSERT_TRUE(sim.wait_for_line("late answer sent", 5000)) << sim.output();
+    }
+    const auto sent = received(before + c.requests.size());
+    ASSERT_EQ(sent.size(), before + c.requests.size()) << sim.output();
+    for (size_t i = 0; i < c.requests.size(); ++i) {
+      EXPECT_EQ(sent[before + i].rfind(c.requests[i], 0), 0u) << sent[before + i];
+    }
   }
   const std::string deal = "deal_node_change_config, ", rf = "set_rf, ";
-  for (const std::string& line : {rf + "result:-100", rf + "string_to_json fail, str_response:busy",
-                                  deal + "config is not array format.", deal + "sync_abp_node fail",
-                                  deal + "add_abp_node fail"}) {
+  for (const std::string& line : {rf + "udp_node_send_and_recv fail", rf + "result:-100",
+                                  rf + "string_to_json fail, str_response:busy", deal + "config is not array format.",
+                                  deal + "sync_abp_node fail", deal + "add_abp_node fail"}) {
     EXPECT_EQ(log.count(line), 1u) << line;
   }
   EXPECT_FALSE(node->rf_ready());
-}
-
-// (A stop that ends such a wait is the lifecycle tests', through the binary.)
-TEST_F(Lora, ASilentNodeServiceCostsTenSecondsAndALateAnswerIsDropped) {
-  EXPECT_EQ(node->start(), 1);
-  const auto begin = steady_clock::now();
-  auto done = change(kRfKey, "");
-  ASSERT_TRUE(node_service.receive());
-  EXPECT_EQ(done.get(), 0);
-  const auto waited = duration_cast<milliseconds>(steady_clock::now() - begin).count();
-  EXPECT_TRUE(waited >= 9900 && waited <= 12000) << waited;
-  EXPECT_TRUE(log.contains("set_rf, udp_node_send_and_recv fail"));
-
-  // Too late: waiting on the socket, it must not pass for the next answer.
-  ASSERT_TRUE(node_service.send(LORA_NODE_LOCAL_PORT, "{\"result\":9}"));
-  done = change(kRfKey, "");
-  EXPECT_EQ(serve(kOk), kDefaultRf);
-  EXPECT_EQ(done.get(), 1);
 }
 
 }  // namespace

@@ -30,7 +30,6 @@
 #include <thread>
 #include <vector>
 
-#include "service/common.h"
 #include "tests/e2e/gateway.h"
 
 using namespace e2e;
@@ -253,7 +252,6 @@ TEST(Soak, BytesStayWholeAndNothingLeaksUnderLoadFaultsAndChanges) {
   ASSERT_GE(lora_fd, 0);
   streams.push_back(std::make_unique<Stream>(1000, -1, lora_fd));
   Stream& uplinks = *streams.back();
-  Stream downlinks(1001, -1, -1);
 
   std::atomic<int> phase{kLoad};
   std::thread io(pump, std::ref(streams), std::cref(phase));
@@ -276,10 +274,6 @@ TEST(Soak, BytesStayWholeAndNothingLeaksUnderLoadFaultsAndChanges) {
     if (tick % 2 == 0) {
       gw.lora_sim().write_input("uplink " + std::string(kEui) + " " + hex(make_record(1000, uplinks.sent++)) + " 7\n");
     }
-    if (tick % 5 == 0) {
-      const std::string record = make_record(1001, downlinks.sent++);
-      EXPECT_EQ(write(lora_fd, record.data(), record.size()), static_cast<ssize_t>(record.size()));
-    }
     if (Clock::now() < next_change) continue;
     const auto& change = changes[step++ % changes.size()];
     EXPECT_EQ(gw.set_config(change.first, change.second), 0) << change.first;
@@ -299,13 +293,6 @@ TEST(Soak, BytesStayWholeAndNothingLeaksUnderLoadFaultsAndChanges) {
   phase = kDone;
   io.join();
   const Usage after = usage(pid);
-  for (const auto& line : gw.lora_sim().lines()) {
-    const size_t at = line.find(" data=\"");
-    if (line.rfind("downlink ", 0) != 0 || at == std::string::npos) continue;
-    std::string bytes;
-    Zentrova::Iot::TransparentChannel::hex_to_bytes(line.substr(at + 7, line.find('"', at + 7) - at - 7), bytes);
-    downlinks.checker.feed(bytes.data(), bytes.size());
-  }
   expect_bounded_stop(gw);
   files.clear();
 
@@ -345,11 +332,9 @@ TEST(Soak, BytesStayWholeAndNothingLeaksUnderLoadFaultsAndChanges) {
   EXPECT_GE(steady_sent * kRecord, 0.9 * kRate * load_s * 2);
   EXPECT_GE(paused_sent * kRecord, 0.9 * kRate * load_s * 2 * (kCycleS - kPauseS) / kCycleS);
 
-  // LoRa: every uplink and every device write, whole and in order.
-  for (const Stream* s : {&uplinks, &downlinks}) {
-    EXPECT_EQ(s->checker.records, s->sent) << s->checker.stream;
-    EXPECT_EQ(s->checker.gaps + s->checker.stray + s->checker.reordered, 0u) << s->checker.stream;
-  }
+  // LoRa: every uplink whole and in order (downlinks in order are the LoRa tests').
+  EXPECT_EQ(uplinks.checker.records, uplinks.sent);
+  EXPECT_EQ(uplinks.checker.gaps + uplinks.checker.stray + uplinks.checker.reordered, 0u);
 
   // Each change took effect every cycle.
   const size_t cycles = step / changes.size();

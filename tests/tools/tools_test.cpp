@@ -1,7 +1,7 @@
-// The companion tools as a user runs them, for what the end-to-end tests
-// cannot see: tc-config's store, tc-lora-sim's flags and commands (what
-// tc-serial-peer opens or refuses, and why, shows through the service in
-// tests/e2e).  Isolated: the simulator's ports are fixed.
+// tc-config as a user runs it, for what the end-to-end tests cannot see: its
+// store across restarts.  (tc-lora-sim's options and commands are driven by
+// the LoRa tests in tests/service; what tc-serial-peer opens or refuses, and
+// why, shows through the service in tests/e2e.)
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -13,18 +13,15 @@
 #include <string>
 #include <vector>
 
-#include "tests/e2e/udp.h"
 #include "tests/support/child_process.h"
 #include "tests/support/dbus_daemon.h"
 #include "tests/support/device_file.h"
 
-using e2e::Udp;
 using tc_test::ChildProcess;
 
 namespace {
 
 const std::string kConfig = TC_BINARY_DIR "/tools/tc-config/tc-config";
-const std::string kSim = TC_BINARY_DIR "/tools/tc-lora-sim/tc-lora-sim";
 
 struct Result {
   int status;
@@ -95,50 +92,6 @@ TEST(TcConfig, SetsGetsAndListsAndKeepsItsStoreAcrossRestarts) {
   }
   EXPECT_EQ(tool({"reset"}).status, 0);
   EXPECT_EQ(tool({"list"}).output, "{}\n");
-}
-
-// Both services of tc-lora-sim, seen from the bridge's and the node client's
-// ports: what its flags and commands make it answer, and what it refuses.
-TEST(TcLoraSim, FlagsAndCommandsChooseTheAnswers) {
-  Udp bridge(18099), node(16068);
-  ASSERT_TRUE(bridge.fd >= 0 && node.fd >= 0);
-  auto sim = start({kSim, "--lan-silent", "--node-result", "-3"}, "ready:");
-  ASSERT_TRUE(bridge.send(18098, R"({"data":"00"})"));
-  EXPECT_TRUE(sim->wait_for_line("-> no answer", 5000)) << sim->output();
-  EXPECT_FALSE(bridge.receive(300));
-  ASSERT_TRUE(node.send(16058, R"({"loranode":[],"method":"sync"})"));
-  EXPECT_EQ(node.receive(5000).value_or(""), "{\"result\":-3}");
-
-  // Uplinks pass what they are given, unchecked; a short one is refused.
-  ASSERT_TRUE(sim->write_input("uplink 0102 4g1 223 4\nuplink 0102 41\n"));
-  EXPECT_EQ(bridge.receive(5000).value_or(""), R"({"data":"4g1","devEui":"0102","fport":223,"mtype":4})");
-  EXPECT_TRUE(sim->wait_for_line("error: usage: uplink EUI HEX FPORT [MTYPE]", 5000)) << sim->output();
-  EXPECT_FALSE(bridge.receive(200));
-
-  ASSERT_TRUE(sim->write_input("lan-result 7\nnode-result silent\n"));
-  ASSERT_TRUE(sim->wait_for_line("node requests now get no answer", 5000)) << sim->output();
-  ASSERT_TRUE(bridge.send(18098, R"({"data":"41"})"));
-  EXPECT_EQ(bridge.receive(5000).value_or(""), "{\"result\":7}");
-  EXPECT_TRUE(sim->wait_for_line(R"(downlink devEUI=- fPort=- confirmed=- fcntd=- data="41" (1 byte "A") -> result 7)",
-                                 5000))
-      << sim->output();
-  ASSERT_TRUE(node.send(16058, "not json"));
-  EXPECT_TRUE(sim->wait_for_line("node (not a JSON object) not json -> no answer", 5000)) << sim->output();
-  EXPECT_FALSE(node.receive(300));
-
-  // (A one-shot uplink is the operator view's.)  A second server finds the ports taken.
-  const Result once = run({kSim});
-  EXPECT_EQ(once.status, 1);
-  EXPECT_NE(once.output.find("bind 127.0.0.1:18098"), std::string::npos) << once.output;
-
-  // The end of input leaves the services up; a signal ends them.
-  sim->close_input();
-  ASSERT_TRUE(bridge.send(18098, "{}"));
-  EXPECT_EQ(bridge.receive(5000).value_or(""), "{\"result\":7}");
-  ASSERT_TRUE(sim->signal(SIGTERM));
-  int status = 0;
-  ASSERT_TRUE(sim->wait_exit(5000, &status));
-  EXPECT_EQ(tc_test::exit_code(status), 0);
 }
 
 }  // namespace

@@ -1,13 +1,14 @@
 #pragma once
 // CLanServerSim: the LoRa LAN server side of the simulator.  Listens on
 // 127.0.0.1:18098, describes every downlink it receives in one line, answers
-// it with {"result":N} (or not at all), and sends uplinks to the bridge.
+// it as its replier says, and sends uplinks (or any text) to the bridge.
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "tools/tc-lora-sim/replier.h"
 #include "tools/tc-lora-sim/udp_endpoint.h"
 #include "tools/tc-lora-sim/uplink_command.h"
 
@@ -24,18 +25,19 @@ class CLanServerSim {
   int fd() const { return m_endpoint.fd(); }
   const std::string& error() const { return m_endpoint.error(); }
 
-  // The code every downlink is answered with; none keeps silent.
-  void set_answer(std::optional<int32_t> result) { m_answer = result; }
+  // What every downlink is answered with, and when.
+  CReplier& replier() { return m_replier; }
   // Handles every waiting downlink, one line each.
-  void serve(std::vector<std::string>& lines) { m_endpoint.answer_all(m_answer, &describe, lines); }
-  bool send_uplink(const CUplinkCommand& uplink) { return m_endpoint.send_to(uplink.datagram(), kBridgePort); }
+  void serve(std::vector<std::string>& lines) { m_replier.serve(m_endpoint, &describe, lines); }
+  void send_due(std::vector<std::string>& lines) { m_replier.send_due(m_endpoint, lines); }
+  bool send_to_bridge(const std::string& text) { return m_endpoint.send_to(text, kBridgePort); }
 
   // "downlink devEUI=... fPort=... confirmed=... fcntd=... data=... (N bytes "...")"
   static std::string describe(const std::string& datagram);
 
  private:
   CUdpEndpoint m_endpoint;
-  std::optional<int32_t> m_answer = 0;
+  CReplier m_replier;
 };
 
 }  // namespace Tools

@@ -17,6 +17,7 @@
 #include "tools/tc-lora-sim/uplink_command.h"
 
 using Zentrova::Iot::Tools::CLanServerSim;
+using Zentrova::Iot::Tools::CReplier;
 using Zentrova::Iot::Tools::CSimulator;
 using Zentrova::Iot::Tools::CUdpEndpoint;
 using Zentrova::Iot::Tools::CUplinkCommand;
@@ -41,16 +42,24 @@ const char* const kHelp =
     "answered with {\"result\":N}.\n"
     "\n"
     "Options:\n"
-    "  --lan-result N    answer downlinks with result N (default 0)\n"
-    "  --lan-silent      do not answer downlinks\n"
-    "  --node-result N   answer node requests with result N (default 0)\n"
-    "  --node-silent     do not answer node requests (the bridge then waits 10 s)\n"
-    "  -h, --help        this text\n"
+    "  --lan-result N     answer downlinks with result N (default 0)\n"
+    "  --lan-silent       do not answer downlinks\n"
+    "  --lan-delay MS     answer downlinks MS milliseconds late (default 0)\n"
+    "  --node-result N    answer node requests with result N (default 0)\n"
+    "  --node-silent      do not answer node requests (the bridge then waits 10 s)\n"
+    "  --node-delay MS    answer node requests MS milliseconds late (default 0)\n"
+    "  --show-datagrams   add each datagram received, as it came, to its line\n"
+    "                     (\" <= TEXT\"; node requests then show session keys)\n"
+    "  -h, --help         this text\n"
     "\n"
     "Commands on standard input, one a line:\n"
     "  uplink EUI HEX FPORT [MTYPE]   send an uplink to the bridge\n"
+    "  raw TEXT                       send TEXT to the bridge as it is (odd datagrams)\n"
     "  lan-result N|silent            change the answer to downlinks\n"
-    "  node-result N|silent           change the answer to node requests\n"
+    "  lan-once TEXT                  answer the next downlink with TEXT as it is\n"
+    "                                 (queued: each one answers one downlink)\n"
+    "  lan-delay MS                   change the delay of answers to downlinks\n"
+    "  node-result, node-once, node-delay   the same for node requests\n"
     "  help, quit\n"
     "The end of standard input leaves the services running.\n"
     "\n"
@@ -60,6 +69,8 @@ const char* const kHelp =
     "data=\"48656c6c6f\" (5 bytes \"Hello\") -> result 0\n"
     "  node set_rf RX2Frequency=\"486900000\" TxPower=\"17\" SF=\"7\" -> result 0\n"
     "  node sync count=2 devEui=00AA11BB22CC33DD,00AA11BB22CC33DE -> no answer\n"
+    "  node add count=1 devEui=00AA11BB22CC33DF -> {\"busy\":1} in 500 ms\n"
+    "  late answer sent: {\"busy\":1}\n"
     "  sent uplink devEui=00aa11bb22cc33dd fport=5 mtype=2 data=48656c6c6f\n"
     "  error: FPORT is not an integer: x\n"
     "Member values are shown in JSON text as received (\"-\" when missing).\n"
@@ -100,8 +111,7 @@ int send_one_uplink(const std::vector<std::string>& words) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::optional<int32_t> lan_answer = 0;
-  std::optional<int32_t> node_answer = 0;
+  CSimulator simulator;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "-h" || arg == "--help") {
@@ -109,15 +119,20 @@ int main(int argc, char** argv) {
       return 0;
     }
     if (arg == "uplink") return send_one_uplink(std::vector<std::string>(argv + i + 1, argv + argc));
-    if (arg == "--lan-silent") {
-      lan_answer.reset();
-    } else if (arg == "--node-silent") {
-      node_answer.reset();
-    } else if (arg == "--lan-result" || arg == "--node-result") {
+    CReplier& replier = arg.rfind("--lan-", 0) == 0 ? simulator.lan_replier() : simulator.node_replier();
+    if (arg == "--lan-silent" || arg == "--node-silent") {
+      replier.set_result(std::nullopt);
+    } else if (arg == "--show-datagrams") {
+      simulator.lan_replier().set_show(true);
+      simulator.node_replier().set_show(true);
+    } else if (arg == "--lan-result" || arg == "--node-result" || arg == "--lan-delay" || arg == "--node-delay") {
+      const bool delay = arg.find("delay") != std::string::npos;
+      std::optional<int32_t> value;
       if (i + 1 >= argc) return usage(arg + " needs a value");
-      if (!parse_result(argv[++i], arg == "--lan-result" ? lan_answer : node_answer)) {
-        return usage(arg + " takes an integer, not " + argv[i]);
+      if (!parse_result(argv[++i], value) || (delay && *value < 0)) {
+        return usage(arg + (delay ? " takes milliseconds, not " : " takes an integer, not ") + argv[i]);
       }
+      delay ? replier.set_delay_ms(*value) : replier.set_result(value);
     } else {
       return usage("unknown argument " + arg);
     }
@@ -129,7 +144,5 @@ int main(int argc, char** argv) {
   sigaction(SIGTERM, &action, nullptr);
   sigaction(SIGINT, &action, nullptr);
   signal(SIGPIPE, SIG_IGN);
-
-  CSimulator simulator(lan_answer, node_answer);
   return simulator.run(g_stop);
 }

@@ -1,13 +1,14 @@
 #pragma once
 // CNodeServiceSim: the LoRa node service side of the simulator.  Listens on
-// 127.0.0.1:16058, describes every request in one line and answers it with
-// {"result":N} (or not at all).
+// 127.0.0.1:16058, describes every request in one line and answers it as its
+// replier says.
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "tools/tc-lora-sim/replier.h"
 #include "tools/tc-lora-sim/udp_endpoint.h"
 
 namespace Zentrova {
@@ -22,10 +23,11 @@ class CNodeServiceSim {
   int fd() const { return m_endpoint.fd(); }
   const std::string& error() const { return m_endpoint.error(); }
 
-  // The code every request is answered with; none keeps silent.
-  void set_answer(std::optional<int32_t> result) { m_answer = result; }
+  // What every request is answered with, and when.
+  CReplier& replier() { return m_replier; }
   // Handles every waiting request, one line each.
-  void serve(std::vector<std::string>& lines) { m_endpoint.answer_all(m_answer, &describe, lines); }
+  void serve(std::vector<std::string>& lines) { m_replier.serve(m_endpoint, &describe, lines); }
+  void send_due(std::vector<std::string>& lines) { m_replier.send_due(m_endpoint, lines); }
 
   // "node set_rf RX2Frequency=... TxPower=... SF=..." or
   // "node sync count=N devEui=A,B,..." (keys are left out).
@@ -33,7 +35,7 @@ class CNodeServiceSim {
 
  private:
   CUdpEndpoint m_endpoint;
-  std::optional<int32_t> m_answer = 0;
+  CReplier m_replier;
 };
 
 }  // namespace Tools

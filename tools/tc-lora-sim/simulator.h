@@ -4,8 +4,6 @@
 // output.
 
 #include <atomic>
-#include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,7 +16,8 @@ namespace Tools {
 
 class CSimulator {
  public:
-  CSimulator(std::optional<int32_t> lan_answer, std::optional<int32_t> node_answer);
+  CReplier& lan_replier() { return m_lan.replier(); }
+  CReplier& node_replier() { return m_node.replier(); }
 
   // Exit status: 0 after a stop, 1 when a port cannot be bound.
   int run(const std::atomic<bool>& stop);
@@ -26,7 +25,8 @@ class CSimulator {
  private:
   void read_input();
   void command(const std::string& line);
-  void print(const std::string& line);
+  // lan-result, lan-once, lan-delay and their node- twins.
+  bool reply_command(const std::string& verb, const std::string& rest);  void print(const std::string& line);
 
   CLanServerSim m_lan;
   CNodeServiceSim m_node;

@@ -66,22 +66,6 @@ bool CUdpEndpoint::receive(std::string& data, uint16_t& from_port) {
   return true;
 }
 
-void CUdpEndpoint::answer_all(const std::optional<int32_t>& answer, std::string (*describe)(const std::string&),
-                              std::vector<std::string>& lines) {
-  std::string datagram;
-  uint16_t from = 0;
-  while (receive(datagram, from)) {
-    std::string line = describe(datagram);
-    if (answer) {
-      send_to("{\"result\":" + std::to_string(*answer) + "}", from);
-      line += " -> result " + std::to_string(*answer);
-    } else {
-      line += " -> no answer";
-    }
-    lines.push_back(line);
-  }
-}
-
 }  // namespace Tools
 }  // namespace Iot
 }  // namespace Zentrova

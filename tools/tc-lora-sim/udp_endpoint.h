@@ -3,9 +3,7 @@
 // left unbound for a one-shot sender.
 
 #include <cstdint>
-#include <optional>
 #include <string>
-#include <vector>
 
 namespace Zentrova {
 namespace Iot {
@@ -26,10 +24,6 @@ class CUdpEndpoint {
   bool send_to(const std::string& data, uint16_t port);
   // One waiting datagram (up to 64 KiB) and the port it came from; false when none.
   bool receive(std::string& data, uint16_t& from_port);
-  // Answers every waiting datagram with {"result":N}, or keeps silent without
-  // an answer, and adds a line for each: describe(datagram) and the outcome.
-  void answer_all(const std::optional<int32_t>& answer, std::string (*describe)(const std::string&),
-                  std::vector<std::string>& lines);
 
  private:
   int m_fd = -1;
