@@ -6,7 +6,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -164,6 +163,8 @@ ExitResult Gateway::wait_exit_since(std::chrono::steady_clock::time_point since)
   result.exited = m_service->wait_exit(kShutdownBoundMs + 15000, &status);
   result.ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - since).count();
   if (result.exited) result.code = tc_test::exit_code(status);
+  // Operators and their log collectors parse the prefix: the time to the
+  // millisecond, always three digits, then who said it and how loud.
   static const std::regex prefix(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z transparent-channel\[\d+\]: [TIWE] )");
   for (const auto& line : m_service->lines()) EXPECT_TRUE(std::regex_search(line, prefix)) << line;
   return result;
