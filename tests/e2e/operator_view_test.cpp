@@ -4,10 +4,10 @@
 #include <signal.h>
 
 #include <chrono>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "tests/e2e/gateway.h"
 
@@ -53,7 +53,7 @@ TEST(OperatorView, TrafficBothWaysAndWhatTheOperatorSeesOfIt) {
   }
   const std::string id =
       run({kBusctl, "--address=" + kAddress, "call", kName, kPath, "org.freedesktop.DBus.Peer", "GetMachineId"});
-  EXPECT_TRUE(std::regex_match(id, std::regex("s \"[0-9a-f]{32}\"\n"))) << id;
+  EXPECT_TRUE(id.rfind("s \"", 0) == 0 && id.find_first_not_of("0123456789abcdef", 3) == 35 && id.size() == 37) << id;
 
   DeviceFile device(serial);
   ASSERT_TRUE(device.write("hello"));
@@ -86,12 +86,11 @@ TEST(OperatorView, TrafficBothWaysAndWhatTheOperatorSeesOfIt) {
   // drop; uplinks, refused, downlinks queued, sent, dropped, queue depth.
   const std::string table = run({TC_BINARY_DIR "/tools/tc-status/tc-status"});
   EXPECT_EQ(table.find('\033'), std::string::npos) << table;
-  for (const std::string& row :
-       {serial + " 127.0.0.2:" + port.path() + R"( not connected (\d+ms|\ds) 5/1 7/1 1 1 (\d+ms|\ds) ago )" +
-            "deal message, connection closed by the peer, fd:%d",
-        lora + " 00AA11BB22CC33DD 2 1 1 1 0 0 uplink FPort is not its upFport",
-        std::string(R"(node service: rf set_rf, result 0 \(\w+ ago\); abp sync of 1 nodes, result 0 \()")}) {
-    EXPECT_TRUE(std::regex_search(words(table), std::regex(row))) << row << "\n" << table;
+  for (const std::string& cells : std::vector<std::string>{serial + " 127.0.0.2:" + port.path() + " not connected ", " 5/1 7/1 1 1 ",
+                                    " ago deal message, connection closed by the peer, fd:%d",
+                                    lora + " 00AA11BB22CC33DD 2 1 1 1 0 0 uplink FPort is not its upFport",
+                                    "node service: rf set_rf, result 0 (", " ago); abp sync of 1 nodes, result 0 ("}) {
+    EXPECT_NE(words(table).find(cells), std::string::npos) << cells << "\n" << table;
   }
   expect_bounded_stop(gw);
 }
