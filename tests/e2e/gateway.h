@@ -4,15 +4,17 @@
 // seeded with the test's keys, the LoRa simulator, serial peers, and the
 // built service.  Device files go to a directory of the test's own.
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "tests/e2e/remote_port.h"
 #include "tests/support/child_process.h"
 #include "tests/support/dbus_daemon.h"
 #include "tests/support/device_file.h"
@@ -33,11 +35,23 @@ constexpr int kShutdownBoundMs = 6000 * kSlowdown;
 extern const char* const kEui;
 extern const char* const kRf;
 extern const char* const kReadyLine;
-extern const char* const kExitLine;
-extern const char* const kDisconnectLine;
 
 using tc_test::DeviceFile;
 using tc_test::path_exists;
+
+// The remote gateway's serial port, played by a pseudo-terminal: the serial
+// peer opens the slave by name, the test holds the master (non-blocking), the
+// far end of the cable.
+class RemotePort : public DeviceFile {
+ public:
+  RemotePort() : RemotePort(open_pair()) {}
+  const std::string& path() const { return m_path; }
+
+ private:
+  static std::pair<int, std::string> open_pair();
+  explicit RemotePort(std::pair<int, std::string> pair) : DeviceFile(pair.first), m_path(std::move(pair.second)) {}
+  std::string m_path;
+};
 
 struct ExitResult {
   bool exited = false;
@@ -52,7 +66,7 @@ class Gateway {
   std::string path(const std::string& name) const { return m_dir.file(name); }
 
   // Each start waits until the part is ready; on false, error() says why.
-  bool start_bus();
+  bool start_bus(const std::string& config_file = "");
   void kill_bus() { m_bus.kill(); }
   // "tc-config serve --store FILE", FILE holding `keys`.
   bool start_manager(const Keys& keys);
@@ -74,12 +88,10 @@ class Gateway {
   tc_test::ChildProcess& lora_sim() { return *m_lora_sim; }
   tc_test::ChildProcess& serial_peer(size_t i = 0) { return *m_serial_peers.at(i); }
 
-  // A method call on the service's object through dbus-send; the printed
-  // reply, or nothing when dbus-send failed.
-  std::optional<std::string> call(const std::string& member);
-  // The string that "serial_port_connect_status" returns.
+  // The string that "serial_port_connect_status" returns ("tc-status --links").
   std::optional<std::string> status();
-  bool wait_status(const std::string& expected, int timeout_ms, std::string* last);
+  // Until the status is `expected`; on failure, the last one seen.
+  testing::AssertionResult wait_status(const std::string& expected, int timeout_ms = kWaitMs);
   // "tc-config set KEY VALUE" as a user would type it; the exit status.
   int set_config(const std::string& key, const std::string& value);
 
@@ -87,7 +99,8 @@ class Gateway {
   // thread) sleeps in system call `number`.
   bool wait_thread_in(long number, bool main = true);
 
-  // Sends `sig` and waits for the service to end.
+  // Sends `sig` and waits for the service to end.  Either way every line the
+  // service printed is checked for the logger's prefix (gtest expectations).
   ExitResult stop_service(int sig);
   // Waits for the service to end on its own; the time counts from now.
   ExitResult wait_service_exit();
@@ -110,15 +123,11 @@ class Gateway {
 // SIGTERM, then exit status 0 within the shutdown bound (gtest expectations).
 void expect_bounded_stop(Gateway& gw);
 
-// A program from the PATH, by its full name.
-std::string on_path(const std::string& name);
 // Runs a command to its end (exit status 0 expected); its output.
 std::string run(const std::vector<std::string>& argv);
 
 // A line of "serial_port_connect_status": green when connected, else yellow.
 std::string status_line(const std::string& local, const std::string& ip, const std::string& remote, bool connected);
-// Index of the first line from `from` on that contains `text`, or -1.
-int find_line(const std::vector<std::string>& lines, const std::string& text, int from = 0);
 
 // One item of "gw_tc_serial_devices"; `bits` as in "8N1", `flow` 1 for RTS/CTS.
 std::string serial_device(const std::string& local, const std::string& ip, const std::string& remote,

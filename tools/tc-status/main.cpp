@@ -1,5 +1,5 @@
 // tc-status: what the running service counts, per device, for a person at a
-// shell (a table) or a script (--json).
+// shell (a table) or a script (--json); or the serial links' state lines (--links).
 
 #include <dbus/dbus.h>
 #include <unistd.h>
@@ -18,10 +18,11 @@ const char* const kDefaultAddress = "unix:path=/tmp/var/run/mbusd/mbusd_socket";
 const char* const kService = "iot.gateway.transparentchannel";
 const char* const kPath = "/iot/gateway/transparentchannel";
 const char* const kMethod = "channel_statistics";
+const char* const kLinksMethod = "serial_port_connect_status";
 constexpr int kCallTimeoutMs = 5000;
 
 const char* const kUsage =
-    "usage: tc-status [--json] [--watch SECONDS] [--address ADDRESS]\n"
+    "usage: tc-status [--json | --links] [--watch SECONDS] [--address ADDRESS]\n"
     "\n"
     "Shows what the transparent-channel service counts for each device: serial\n"
     "links (state, bytes and frames each way, connection attempts, drops and why\n"
@@ -31,6 +32,8 @@ const char* const kUsage =
     "\"channel_statistics\" on the gateway bus.\n"
     "\n"
     "  --json             print the service's JSON as it comes, for scripts\n"
+    "  --links            print, as it comes, the service's one line per serial link\n"
+    "                     (\"serial_port_connect_status\", colours included)\n"
     "  --watch SECONDS    ask again every SECONDS until interrupted\n"
     "  --address ADDRESS  bus address (default unix:path=/tmp/var/run/mbusd/mbusd_socket)\n"
     "  --help             this text\n"
@@ -38,8 +41,8 @@ const char* const kUsage =
     "Colours are used only when standard output is a terminal.  Exit status 0 when\n"
     "the service answered, 1 when it could not be asked.\n";
 
-// The method's string, or false with the reason on standard error.
-bool ask(const std::string& address, std::string& json) {
+// The string `method` returns, or false with the reason on standard error.
+bool ask(const std::string& address, const char* method, std::string& json) {
   DBusError error;
   dbus_error_init(&error);
   DBusConnection* bus = dbus_connection_open_private(address.c_str(), &error);
@@ -53,7 +56,7 @@ bool ask(const std::string& address, std::string& json) {
     dbus_error_free(&error);
     return false;
   }
-  DBusMessage* call = dbus_message_new_method_call(kService, kPath, kService, kMethod);
+  DBusMessage* call = dbus_message_new_method_call(kService, kPath, kService, method);
   DBusMessage* reply = dbus_connection_send_with_reply_and_block(bus, call, kCallTimeoutMs, &error);
   dbus_message_unref(call);
   const char* text = nullptr;
@@ -61,7 +64,7 @@ bool ask(const std::string& address, std::string& json) {
   if (ok) {
     json = text;
   } else {
-    fprintf(stderr, "tc-status: %s did not answer %s: %s\n", kService, kMethod,
+    fprintf(stderr, "tc-status: %s did not answer %s: %s\n", kService, method,
             error.message ? error.message : "no answer");
   }
   dbus_error_free(&error);
@@ -71,10 +74,12 @@ bool ask(const std::string& address, std::string& json) {
   return ok;
 }
 
-bool show(const std::string& address, bool as_json, bool colour) {
+bool show(const std::string& address, bool as_json, bool links, bool colour) {
   std::string json;
-  if (!ask(address, json)) return false;
-  if (as_json) {
+  if (!ask(address, links ? kLinksMethod : kMethod, json)) return false;
+  if (links) {
+    fputs(json.c_str(), stdout);
+  } else if (as_json) {
     printf("%s\n", json.c_str());
   } else {
     Json::Value statistics;
@@ -92,7 +97,7 @@ bool show(const std::string& address, bool as_json, bool colour) {
 
 int main(int argc, char** argv) {
   std::string address = kDefaultAddress;
-  bool as_json = false;
+  bool as_json = false, links = false;
   long watch = 0;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
@@ -101,6 +106,8 @@ int main(int argc, char** argv) {
       return 0;
     } else if (arg == "--json") {
       as_json = true;
+    } else if (arg == "--links") {
+      links = true;
     } else if (arg == "--watch" && i + 1 < argc) {
       char* end = nullptr;
       watch = strtol(argv[++i], &end, 10);
@@ -116,12 +123,12 @@ int main(int argc, char** argv) {
     }
   }
   const bool terminal = isatty(STDOUT_FILENO) == 1;
-  if (watch == 0) return show(address, as_json, terminal) ? 0 : 1;
+  if (watch == 0) return show(address, as_json, links, terminal) ? 0 : 1;
   for (;;) {
     // On a terminal each round replaces the last one.
-    if (terminal && !as_json) fputs("\033[H\033[2J", stdout);
-    show(address, as_json, terminal);
-    if (!terminal && !as_json) putchar('\n');
+    if (terminal && !as_json && !links) fputs("\033[H\033[2J", stdout);
+    show(address, as_json, links, terminal);
+    if (!terminal && !as_json && !links) putchar('\n');
     sleep(static_cast<unsigned>(watch));
   }
 }
