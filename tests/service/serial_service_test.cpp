@@ -73,11 +73,10 @@ class SerialLoop : public testing::Test {
   void TearDown() override { service.stop(); }
 
   std::string path(int n) const { return dir.file("ttyV" + std::to_string(n)); }
-  std::string ip(int n) const { return "127.0.0." + std::to_string(n); }
-  std::string remote(int n) const { return ip(n) + ":" + ports[n - 1].path; }
+  std::string remote(int n) const { return "127.0.0." + std::to_string(n) + ":" + ports[n - 1].path; }
   std::string item(int n, int baud = 9600) const {
-    return "{\"local_device\":\"" + path(n) + "\",\"remote_device\":{\"ip\":\"" + ip(n) + "\",\"device\":\"" +
-           ports[n - 1].path + "\",\"baud_rate\":" + std::to_string(baud) +
+    return "{\"local_device\":\"" + path(n) + "\",\"remote_device\":{\"ip\":\"127.0.0." + std::to_string(n) +
+           "\",\"device\":\"" + ports[n - 1].path + "\",\"baud_rate\":" + std::to_string(baud) +
            ",\"data_bit\":8,\"stop_bit\":1,\"parity\":\"N\",\"flow_control\":0}}";
   }
   std::string settings(int n, int baud = 9600) const {
@@ -223,17 +222,11 @@ TEST_F(SerialLoop, ChangingOneDeviceOfThreeLeavesTheOthersUp) {
   EXPECT_EQ(log.count_prefix("delete device") + log.count_prefix("add device"), 2u) << log.dump();
 
   // The new link leads to the new device.  (Untouched devices carrying data
-  // through changes of another is the soak's.)
+  // through changes of another is the soak's; an empty list, the end-to-end
+  // traffic test's.)
   DeviceFile two(path(2));
   ASSERT_TRUE(two.write("two"));
   EXPECT_EQ(ports[1].read(3, 10000), "two");
-
-  // A value that is not JSON takes every device and link away.
-  configure("[{\"local_device\":");
-  EXPECT_TRUE(peer->wait_for_line("closed by the client", 5000, 4));
-  EXPECT_TRUE(wait_status(""));
-  for (int n = 1; n <= 3; ++n) EXPECT_FALSE(tc_test::path_exists(path(n))) << n;
-  EXPECT_EQ(log.count_prefix("delete device"), 4u);
 }
 
 // A peer the service holds back (nobody reads its device file) is not
