@@ -243,7 +243,7 @@ TEST_F(SerialLoop, HoldingThePeerBackIsNotSilenceButTakingNothingIs) {
   DeviceFile tty(path(1));
   EXPECT_EQ(tty.read(4, 10000), "held");
 
-  std::string data(4 << 20, '\0');
+  std::string data(16 << 20, '\0');
   for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 7 + i / 1468);
   std::atomic<size_t> done{0};
   std::thread writer([&] {
