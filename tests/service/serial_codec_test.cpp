@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "service/serial_device_config.h"
@@ -51,13 +52,7 @@ TEST(SerialFrame, HeaderChecksAndRoles) {
   };
   for (const auto& [header, check] : headers) EXPECT_EQ(examine_frame(header.data(), 4, h), check) << int(header[2]);
 
-  // type, len, established, awaiting the response: role
-  const struct {
-    uint8_t type;
-    uint16_t len;
-    bool established, awaiting;
-    FrameRole role;
-  } roles[] = {
+  const std::tuple<uint8_t, uint16_t, bool, bool, FrameRole> roles[] = {  // type, len, established, awaiting: role
       {kFrameData, 1472, true, false, FrameRole::data},
       {kFrameKeepalive, 40, true, false, FrameRole::keepalive},
       {kFrameData, 4, true, false, FrameRole::unexpected},  // empty data
@@ -67,20 +62,19 @@ TEST(SerialFrame, HeaderChecksAndRoles) {
       {kFrameKeepalive, 4, false, true, FrameRole::unexpected},          // before the response
       {kFrameConnectResponse, 268, false, false, FrameRole::unexpected},  // nothing was asked
   };
-  for (const auto& r : roles) {
-    EXPECT_EQ(classify_frame(FrameHeader{kFrameMagic, r.type, r.len}, r.established, r.awaiting), r.role)
-        << int(r.type) << " " << r.len;
+  for (const auto& [type, len, established, awaiting, role] : roles) {
+    EXPECT_EQ(classify_frame(FrameHeader{kFrameMagic, type, len}, established, awaiting), role) << int(type) << " " << len;
   }
 }
 
-// Exactly sized heap copies: reading one byte past the frame is an ASan error.
+// The frame is followed by more text: none of it may join the message.
 TEST(SerialFrame, ResponseTextStopsAtTheFrameEndAndTheCallersRoom) {
-  Bytes r(300, 'u');
+  Bytes r(400, 'u');
   write_frame_header(r.data(), kFrameConnectResponse, 300);
   char message[400];
   int32_t code = 0;
-  EXPECT_EQ(read_connect_response(r.data(), r.size(), code, message, sizeof message), 288u);
-  EXPECT_EQ(read_connect_response(r.data(), r.size(), code, message, 3), 2u);
+  EXPECT_EQ(read_connect_response(r.data(), 300, code, message, sizeof message), 288u);
+  EXPECT_EQ(read_connect_response(r.data(), 300, code, message, 3), 2u);
   EXPECT_STREQ(message, "uu");
 }
 

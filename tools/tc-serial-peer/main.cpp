@@ -3,6 +3,7 @@
 #include <signal.h>
 
 #include <atomic>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -29,11 +30,19 @@ const char* const kHelp =
     "                      bridge connects to)\n"
     "  --keepalive SECONDS keep-alive period per connection (default 10; 0 sends\n"
     "                      none).  The bridge drops a link after 30 s without one.\n"
-    "  --fault KINDS       inject faults, for demos and soak tests: a comma list of\n"
-    "                      drop (close the connection), stall (stop its keep-alives)\n"
-    "                      and garbage (send bytes that are not a frame)\n"
+    "  --fault KINDS       inject faults, for demos and tests: a comma list of drop\n"
+    "                      (close the connection), stall (stop its keep-alives),\n"
+    "                      garbage (send bytes that are not a frame) and stray\n"
+    "                      (send a second connect response, a frame the client\n"
+    "                      does not expect)\n"
     "  --fault-chance PCT  chance, per established connection and second, that one\n"
-    "                      of the chosen faults strikes (default 10)\n"
+    "                      of the chosen faults strikes (default 10).  SIGUSR1\n"
+    "                      makes one strike every established connection at once\n"
+    "  --answer ANSWER     answer every connect request with ANSWER instead of\n"
+    "                      opening the port: CODE:REASON, a refusal (CODE 1 to\n"
+    "                      2147483647; a REASON longer than 255 characters gets a\n"
+    "                      longer frame without a terminating zero), or none, no\n"
+    "                      answer at all (the client must give up by itself)\n"
     "  --seed N            seed of the fault dice (default: from the clock)\n"
     "  --allow PATTERN     a device file clients may have opened, as an absolute\n"
     "                      glob ('*' and '?' stop at '/'); repeatable.  Without\n"
@@ -64,8 +73,9 @@ const char* const kHelp =
     "Exit status: 0 after a signal; 1 when the address cannot be used; 2 usage error.\n";
 
 std::atomic<bool> g_stop{false};
+std::atomic<bool> g_strike{false};
 
-void on_signal(int) { g_stop.store(true); }
+void on_signal(int sig) { (sig == SIGUSR1 ? g_strike : g_stop).store(true); }
 
 int usage(const std::string& problem) {
   fprintf(stderr, "tc-serial-peer: %s\nTry 'tc-serial-peer --help'.\n", problem.c_str());
@@ -89,7 +99,7 @@ std::string parse(int argc, char** argv, PeerOptions& options, bool& help) {
       continue;
     }
     if (arg != "--bind" && arg != "--port" && arg != "--keepalive" && arg != "--fault" && arg != "--fault-chance" &&
-        arg != "--seed" && arg != "--allow") {
+        arg != "--seed" && arg != "--allow" && arg != "--answer") {
       return "unknown argument " + arg;
     }
     if (i + 1 >= argc) return arg + " needs a value";
@@ -106,6 +116,17 @@ std::string parse(int argc, char** argv, PeerOptions& options, bool& help) {
     } else if (arg == "--keepalive") {
       if (!number(value, 86400, n)) return "--keepalive takes 0 to 86400 seconds";
       options.keepalive_s = static_cast<uint32_t>(n);
+    } else if (arg == "--answer") {
+      const std::string answer = value;
+      const size_t colon = answer.find(':');
+      options.answer.enabled = true;
+      options.answer.silent = answer == "none";
+      const bool refusal = colon != std::string::npos && number(answer.substr(0, colon).c_str(), INT32_MAX, n) && n;
+      if (!options.answer.silent && !refusal) {
+        return "--answer takes none or CODE:REASON with CODE 1 to 2147483647";
+      }
+      options.answer.code = static_cast<int32_t>(n);
+      if (!options.answer.silent) options.answer.reason = answer.substr(colon + 1);
     } else if (arg == "--fault-chance") {
       if (!number(value, 100, n)) return "--fault-chance takes 0 to 100";
       options.fault_percent = static_cast<uint32_t>(n);
@@ -122,8 +143,10 @@ std::string parse(int argc, char** argv, PeerOptions& options, bool& help) {
           options.fault_stall = true;
         } else if (kind == "garbage") {
           options.fault_garbage = true;
+        } else if (kind == "stray") {
+          options.fault_stray = true;
         } else {
-          return "unknown fault '" + kind + "' (drop, stall, garbage)";
+          return "unknown fault '" + kind + "' (drop, stall, garbage, stray)";
         }
       }
     }
@@ -150,6 +173,7 @@ int main(int argc, char** argv) {
   sigemptyset(&action.sa_mask);
   sigaction(SIGTERM, &action, nullptr);
   sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGUSR1, &action, nullptr);
   signal(SIGPIPE, SIG_IGN);
 
   std::string allowed;
@@ -158,7 +182,7 @@ int main(int argc, char** argv) {
 
   CSerialPeer peer(options);
   if (!peer.open()) return 1;
-  peer.run(g_stop);
+  peer.run(g_stop, g_strike);
   TC_LOG(1, "main, stopped by a signal");
   return 0;
 }

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -37,8 +38,8 @@ void take(uint8_t* buf, size_t& len, size_t n) {
 
 }  // namespace
 
-CPeerConnection::CPeerConnection(int epfd, int socket_fd, const CPortPolicy& policy)
-    : m_epfd(epfd), m_socket_fd(socket_fd), m_policy(&policy) {}
+CPeerConnection::CPeerConnection(int epfd, int socket_fd, const CPortPolicy& policy, const ForcedAnswer& answer)
+    : m_epfd(epfd), m_socket_fd(socket_fd), m_policy(&policy), m_answer(&answer) {}
 
 CPeerConnection::~CPeerConnection() {
   epoll_del(m_epfd, m_socket_fd);
@@ -133,10 +134,11 @@ void CPeerConnection::watch_serial(bool room) {
 bool CPeerConnection::deal_request(const FrameHeader& header) {
   ConnectRequest request{};
   read_connect_request(m_recv, header.len, request);
+  m_port_path = serial_line_path(request.device);
+  if (m_answer->enabled) return force_answer();
 
   int32_t code = 0;
   std::string reason;
-  m_port_path = serial_line_path(request.device);
   const int fd = open_serial_line(request, *m_policy, code, reason);
   uint8_t response[kConnectResponseMinSize];
   if (fd < 0) {
@@ -158,6 +160,24 @@ bool CPeerConnection::deal_request(const FrameHeader& header) {
   TC_LOG(1, "deal_request, fd %d: %s", m_socket_fd, message.c_str());
   build_connect_response(0, message.c_str(), response);
   return queue(response, sizeof response);
+}
+
+// The port stays closed.  A reason longer than the usual response gets a
+// longer frame, which it fills without a terminating zero.
+bool CPeerConnection::force_answer() {
+  if (m_answer->silent) {
+    TC_LOG(1, "force_answer, fd %d: %s left unanswered", m_socket_fd, m_port_path.c_str());
+    return true;
+  }
+  const std::string& reason = m_answer->reason;
+  const size_t len = std::min(kFrameMaxSize, std::max(kConnectResponseMinSize, kResponseMessageOffset + reason.size()));
+  uint8_t response[kFrameMaxSize] = {};
+  build_connect_response(m_answer->code, "", response);
+  write_frame_header(response, kFrameConnectResponse, static_cast<uint16_t>(len));
+  memcpy(response + kResponseMessageOffset, reason.data(), std::min(reason.size(), len - kResponseMessageOffset));
+  TC_LOG(2, "force_answer, fd %d: %s refused, code %d", m_socket_fd, m_port_path.c_str(), m_answer->code);
+  queue(response, len);
+  return false;
 }
 
 // Port bytes to the client, as long as the socket takes them.

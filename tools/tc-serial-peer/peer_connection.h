@@ -19,11 +19,20 @@ namespace Zentrova {
 namespace Iot {
 namespace Tools {
 
+// What a peer may answer every request with instead of opening the port.
+struct ForcedAnswer {
+  bool enabled = false;
+  bool silent = false;  // no answer at all
+  int32_t code = 0;     // else this refusal and its reason
+  std::string reason;
+};
+
 class CPeerConnection {
  public:
   // Takes over `socket_fd` (already registered with `epfd`); opens only the
-  // ports `policy` (which must outlive the connection) allows.
-  CPeerConnection(int epfd, int socket_fd, const CPortPolicy& policy);
+  // ports `policy` allows, unless `answer` says otherwise (both must outlive
+  // the connection).
+  CPeerConnection(int epfd, int socket_fd, const CPortPolicy& policy, const ForcedAnswer& answer);
   // Deregisters and closes the socket and the port.
   ~CPeerConnection();
   CPeerConnection(const CPeerConnection&) = delete;
@@ -42,7 +51,7 @@ class CPeerConnection {
   bool on_socket_event(uint32_t events);
   bool on_serial_event(uint32_t events);
   bool send_keepalive();
-  // Raw bytes to the client, outside any frame (fault injection).
+  // Raw bytes to the client, framed or not (fault injection).
   bool send_raw(const uint8_t* data, size_t len);
 
  private:
@@ -50,6 +59,7 @@ class CPeerConnection {
   bool pump_serial();
   bool deal_frame(const TransparentChannel::FrameHeader& header);
   bool deal_request(const TransparentChannel::FrameHeader& header);
+  bool force_answer();
   bool queue(const uint8_t* data, size_t len);
   bool flush_socket();
   bool flush_serial();
@@ -58,6 +68,7 @@ class CPeerConnection {
   int m_epfd;
   int m_socket_fd;
   const CPortPolicy* m_policy;
+  const ForcedAnswer* m_answer;
   int m_serial_fd = -1;
   bool m_watched = false;  // the port is in the epoll set
   dev_t m_port_id = 0;

@@ -76,7 +76,7 @@ bool CSerialPeer::open() {
   return true;
 }
 
-void CSerialPeer::run(const std::atomic<bool>& stop) {
+void CSerialPeer::run(const std::atomic<bool>& stop, std::atomic<bool>& strike) {
   epoll_event events[kMaxEvents];
   uint64_t last_fault = tickMs();
   while (!stop.load()) {
@@ -84,9 +84,10 @@ void CSerialPeer::run(const std::atomic<bool>& stop) {
     for (int i = 0; i < n; ++i) dispatch(events[i]);
     const uint64_t now = tickMs();
     send_keepalives(now);
+    if (strike.exchange(false)) inject_faults(true);
     if (now - last_fault >= kFaultPeriodMs) {
       last_fault = now;
-      inject_faults();
+      inject_faults(false);
     }
   }
 }
@@ -126,7 +127,7 @@ void CSerialPeer::accept_clients() {
       close(fd);
       continue;
     }
-    m_clients[fd] = Client{new CPeerConnection(m_epfd, fd, m_options.policy), 0, false};
+    m_clients[fd] = Client{new CPeerConnection(m_epfd, fd, m_options.policy, m_options.answer), 0, false};
   }
 }
 
@@ -171,11 +172,12 @@ void CSerialPeer::send_keepalives(uint64_t now) {
   for (int fd : broken) drop(fd);
 }
 
-void CSerialPeer::inject_faults() {
-  std::vector<int> kinds;  // 0 drop, 1 stall, 2 garbage
+void CSerialPeer::inject_faults(bool all) {
+  std::vector<int> kinds;  // 0 drop, 1 stall, 2 garbage, 3 stray
   if (m_options.fault_drop) kinds.push_back(0);
   if (m_options.fault_stall) kinds.push_back(1);
   if (m_options.fault_garbage) kinds.push_back(2);
+  if (m_options.fault_stray) kinds.push_back(3);
   if (kinds.empty()) return;
 
   std::vector<int> targets;
@@ -183,7 +185,7 @@ void CSerialPeer::inject_faults() {
     if (entry.second.connection->established()) targets.push_back(entry.first);
   }
   for (int fd : targets) {
-    if (m_random() % 100 >= m_options.fault_percent) continue;
+    if (!all && m_random() % 100 >= m_options.fault_percent) continue;
     switch (kinds[m_random() % kinds.size()]) {
       case 0:
         TC_LOG(1, "inject_faults, dropping fd %d", fd);
@@ -194,12 +196,20 @@ void CSerialPeer::inject_faults() {
         TC_LOG(1, "inject_faults, no more keep-alives on fd %d", fd);
         m_clients.at(fd).stalled = true;
         break;
-      default: {
+      case 2: {
         uint8_t garbage[16];
         for (uint8_t& b : garbage) b = static_cast<uint8_t>(m_random());
         garbage[0] = 0x5A;  // never the magic, so the client must reject it
         TC_LOG(1, "inject_faults, garbage to fd %d", fd);
         if (!m_clients.at(fd).connection->send_raw(garbage, sizeof garbage)) drop(fd);
+        break;
+      }
+      default: {
+        // Well formed, but a second answer to a request long answered.
+        uint8_t stray[TransparentChannel::kConnectResponseMinSize];
+        TransparentChannel::build_connect_response(0, "stray", stray);
+        TC_LOG(1, "inject_faults, stray frame to fd %d", fd);
+        if (!m_clients.at(fd).connection->send_raw(stray, sizeof stray)) drop(fd);
         break;
       }
     }

@@ -2,8 +2,9 @@
 // CSerialPeer: the remote gateway's side of the serial bridge.  It accepts
 // clients on TCP, hands each to a CPeerConnection, sends keep-alives to the
 // established ones, and serves them all from one epoll loop.  Optional faults
-// (dropped connections, stalled keep-alives, garbage bytes) exercise the
-// client's recovery in demos and soak runs.
+// (dropped connections, stalled keep-alives, garbage bytes, stray frames),
+// struck by chance or on cue, exercise the client's recovery in demos, soak
+// runs and tests.
 
 #include <sys/epoll.h>
 
@@ -26,9 +27,11 @@ struct PeerOptions {
   bool fault_drop = false;
   bool fault_stall = false;
   bool fault_garbage = false;
+  bool fault_stray = false;
   uint32_t fault_percent = 10;  // chance per established connection and second
   uint32_t seed = 0;            // 0: from the clock
   CPortPolicy policy;           // the ports a client may have opened
+  ForcedAnswer answer;          // instead of opening them
 };
 
 class CSerialPeer {
@@ -41,8 +44,9 @@ class CSerialPeer {
 
   // Binds and listens; false (logged) when that fails.
   bool open();
-  // Serves until `stop` is true (checked at least every 200 ms).
-  void run(const std::atomic<bool>& stop);
+  // Serves until `stop` is true (checked at least every 200 ms).  Each time
+  // `strike` is set, a fault strikes every established connection.
+  void run(const std::atomic<bool>& stop, std::atomic<bool>& strike);
 
  private:
   struct Client {
@@ -59,7 +63,8 @@ class CSerialPeer {
   void adopt_port(int socket_fd);
   void drop(int socket_fd);
   void send_keepalives(uint64_t now);
-  void inject_faults();
+  // By the dice, or at every connection when `all`.
+  void inject_faults(bool all);
 
   PeerOptions m_options;
   int m_listen_fd = -1;
