@@ -9,9 +9,6 @@
 
 #include <chrono>
 #include <fstream>
-#include <future>
-#include <string>
-#include <vector>
 
 #include "component/dbus_channel.h"
 #include "service/common.h"
@@ -79,11 +76,7 @@ class Lora : public testing::Test {
     node = std::make_unique<CLoraNode>(agent.get());
   }
   void TearDown() override {
-    if (lan) lan->stop();
-    lan.reset();
-    node.reset();
-    agent.reset();
-    if (channel) channel->stop();
+    lan.reset();  // the rest goes in the members' order
     EXPECT_EQ(log.count_prefix("stop, lora_lan_thread did not end"), 0u) << "the loop slept through its stop";
   }
   void set(const std::string& key, const std::string& value) {
@@ -96,9 +89,11 @@ class Lora : public testing::Test {
     ASSERT_EQ(lan->start(), 1) << log.dump();
     ASSERT_TRUE(added(files)) << log.dump();
   }
-  void notify(const std::string& key, const std::string& value) {
+  // A change as the bus worker hands it on (the node answers 1 when it took it).
+  template <class Target>
+  auto notify(Target& target, const std::string& key, const std::string& value) {
     int extra = 0;
-    lan->config_change_callback(key, value, extra);
+    return target.config_change_callback(key, value, extra);
   }
   // Commands for the simulator, done when it has answered the "help" behind them.
   void cue(const std::string& commands) {
@@ -121,19 +116,15 @@ class Lora : public testing::Test {
     }
     return found;
   }
-  // The payload of the `n`th downlink (from 1), once it came; "(none)" if not.
-  std::string downlink(size_t n, int ms = 5000) {
+  // What the `n`th datagram (from 1) carried, once it came; "(none)" if it did not.
+  std::string shown(size_t n, int ms = 5000) {
     const auto lines = received(n, ms);
-    std::string bytes;
-    if (lines.size() < n) return "(none)";
-    hex_to_bytes(between(lines[n - 1], " data=\"", "\""), bytes);
-    return bytes;
+    return lines.size() < n ? "(none)" : between(lines[n - 1], " <= ", " -> ");
   }
-  std::future<int> change(const std::string& key, const std::string& value) {
-    return std::async(std::launch::async, [this, key, value] {
-      int extra = 0;
-      return node->config_change_callback(key, value, extra);
-    });
+  std::string downlink(size_t n, int ms = 5000) {
+    std::string text = shown(n, ms);
+    if (text != "(none)") hex_to_bytes(between(text, "\"data\":\"", "\""), text);
+    return text;
   }
 
   tc_test::LogCaptureScope log;  // first: outlives every thread that may log
@@ -164,18 +155,16 @@ TEST_F(Lora, UplinksReachTheFilesTheirEuiAndFportAdmitAndDownlinksAreTheServersT
   EXPECT_EQ(fb.read(6, 5000), "ABCDMZ");
   EXPECT_EQ(fc.read(3, 5000), std::string("\x00\xff" "Z", 3));
   EXPECT_EQ(fa.read_for(200) + fb.read_for(0) + fc.read_for(0), "") << "nothing else trails behind";
-  const std::string recv = "recv_lora_message, ";
-  for (const std::string& line : {recv + "lora format error fport:224", recv + "lora format error fport:0",
-                                  recv + "lora format error mtype:3",
-                                  recv + "json format error devEui:" + kEui + " data:47 mtype:-1 fport:5",
-                                  recv + "send response error result:7"}) {
-    EXPECT_EQ(log.count(line), 1u) << line;
+  for (const char* line : {"lora format error fport:224", "lora format error fport:0", "lora format error mtype:3",
+                           "json format error devEui:00aa11bb22cc33dd data:47 mtype:-1 fport:5",
+                           "send response error result:7"}) {
+    EXPECT_EQ(log.count(std::string("recv_lora_message, ") + line), 1u) << line;
   }
   EXPECT_EQ(log.count_prefix("threadProc, recv_lora_message error, fd:"), 4u);  // the four refusals
 
   ASSERT_TRUE(fc.write("Hey?"));
   EXPECT_EQ(downlink(1), "Hey?");
-  EXPECT_EQ(between(received(1)[0], " <= ", " -> "),
+  EXPECT_EQ(shown(1),
             R"({"confirmed":"true","data":"4865793f","devEUI":"0102030405060708","fPort":"7","fcntd":"361"})");
 
   // Fifty datagrams at once; 5000 bytes in one write, in pieces of at most 1024.
@@ -189,11 +178,9 @@ TEST_F(Lora, UplinksReachTheFilesTheirEuiAndFportAdmitAndDownlinksAreTheServersT
   EXPECT_EQ(fc.read(expected.size(), 5000), expected);
   for (int i = 0; i < 5000; ++i) block.push_back(static_cast<char>(i * 7 + i / 256));
   ASSERT_TRUE(fa.write(block));
-  for (size_t n = 2; carried.size() < block.size(); ++n) {
-    const std::string piece = downlink(n);
-    ASSERT_NE(piece, "(none)") << carried.size() << " of " << block.size() << " bytes came";
-    EXPECT_LE(piece.size(), 1024u);
-    carried += piece;
+  for (size_t n = 2; n < 7; ++n) {  // 4 x 1024 + 904
+    carried += downlink(n);
+    EXPECT_LE(carried.size(), 1024 * (n - 1));
   }
   EXPECT_EQ(carried, block);
 }
@@ -203,20 +190,18 @@ TEST_F(Lora, DownlinksLeaveOnePerIntervalAndAFullQueueDropsItsOldest) {
   start_bridge("[" + item(path, kEui) + "]", "300", 1);
   DeviceFile file(path);
   for (const char* chunk : {"one", "two", "three"}) write_chunk(file, chunk);
-  steady_clock::time_point last;
-  size_t n = 0;
-  for (const char* chunk : {"one", "two", "three"}) {
-    EXPECT_EQ(downlink(++n), chunk);
-    const auto gap = duration_cast<milliseconds>(steady_clock::now() - last).count();
-    // 10 ms ticks, and the way through the simulator's output on either side
-    EXPECT_TRUE(!last.time_since_epoch().count() || (gap >= 250 && gap <= 1500)) << gap;
-    last = steady_clock::now();
-  }
+  EXPECT_EQ(downlink(1), "one");
+  const auto first = steady_clock::now();
+  EXPECT_EQ(downlink(2), "two");
+  EXPECT_EQ(downlink(3), "three");
+  // two intervals, 10 ms ticks, and the way through the simulator's output on either side
+  const auto span = duration_cast<milliseconds>(steady_clock::now() - first).count();
+  EXPECT_TRUE(span >= 550 && span <= 2000) << span;
   const auto zero = steady_clock::now();
   set(kIntervalKey, "");  // 3500
   ASSERT_TRUE(log.wait_for_prefix(std::string("deal_down_packet_interval_change_config, ") + kIntervalKey, 5000));
   write_chunk(file, "four");
-  EXPECT_EQ(downlink(++n, 6000), "four");
+  EXPECT_EQ(downlink(4, 6000), "four");
   const auto gap = duration_cast<milliseconds>(steady_clock::now() - zero).count();
   EXPECT_TRUE(gap >= 3400 && gap <= 5000) << gap;
 
@@ -226,14 +211,11 @@ TEST_F(Lora, DownlinksLeaveOnePerIntervalAndAFullQueueDropsItsOldest) {
   EXPECT_EQ(accepted, 0);
   const int kWrites = 40;
   for (int i = 0; i < kWrites; ++i) write_chunk(file, "m" + std::to_string(100 + i));
-  EXPECT_EQ(downlink(n + 1, 700), "(none)") << "held back by the long interval";
+  EXPECT_EQ(downlink(5, 700), "(none)") << "held back by the long interval";
   set(kIntervalKey, "0");  // the waiting ones leave from the next check
-  EXPECT_EQ(downlink(n + 32), "m" + std::to_string(100 + kWrites - 1));
-  EXPECT_EQ(downlink(n + 33, 1500), "(none)");
-  const size_t evicted = log.count_prefix("send_lora_message, down packet queue too long");
-  EXPECT_EQ(log.count("send_lora_message, down packet queue too long, size:32"), evicted) << "never above 32";
-  EXPECT_EQ(evicted, static_cast<size_t>(kWrites - 32));
-  for (int k = 0; k < 32; ++k) EXPECT_EQ(downlink(n + 1 + k), "m" + std::to_string(100 + kWrites - 32 + k));
+  for (int k = 0; k < 32; ++k) EXPECT_EQ(downlink(5 + k), "m" + std::to_string(100 + kWrites - 32 + k));
+  EXPECT_EQ(downlink(37, 1500), "(none)");
+  EXPECT_EQ(log.count("send_lora_message, down packet queue too long, size:32"), size_t{kWrites - 32});
 }
 
 TEST_F(Lora, DeviceListChangesReplaceOnlyWhatChanged) {
@@ -248,29 +230,24 @@ TEST_F(Lora, DeviceListChangesReplaceOnlyWhatChanged) {
   DeviceFile fa(a);
 
   log.clear();
-  notify(kDevicesKey, "[" + item(a, kEui) + "," + item(b, kOtherEui, ",\"downFport\":11") + "]");
+  notify(*lan, kDevicesKey, "[" + item(a, kEui) + "," + item(b, kOtherEui, ",\"downFport\":11") + "]");
   ASSERT_TRUE(added()) << log.dump();
   EXPECT_EQ(log.count_prefix("threadProc, delete device") + log.count_prefix("threadProc, add device"), 2u);
-  const std::string b_is = ", dev_file:" + b + ", dev_eui:" + kOtherEui + ", up_fport:-1, down_fport:";
-  const std::string text = log.dump();
-  EXPECT_LT(text.find("delete device fd:"), text.find(b_is + "10")) << text;
-  EXPECT_LT(text.find("add device fd:"), text.find(b_is + "11")) << text;
   DeviceFile fb(b);
   ASSERT_TRUE(fb.write("x"));
   EXPECT_EQ(downlink(1), "x");
-  EXPECT_EQ(between(received(1)[0], " <= ", " -> "),
-            R"({"confirmed":"false","data":"78","devEUI":"0102030405060708","fPort":"11","fcntd":"361"})");
+  EXPECT_EQ(shown(1), R"({"confirmed":"false","data":"78","devEUI":"0102030405060708","fPort":"11","fcntd":"361"})");
   ASSERT_TRUE(fa.write("y"));  // a kept its file all along
   EXPECT_EQ(downlink(2), "y");
 
   // Not JSON leaves no devices, nor does an empty value.
   log.clear();
-  notify(kDevicesKey, "[{");
+  notify(*lan, kDevicesKey, "[{");
   ASSERT_TRUE(log.wait_for_prefix("threadProc, delete device", 5000, 2)) << log.dump();
   EXPECT_TRUE(log.contains("deal_device_change_config, convert to json fail."));
-  notify(kDevicesKey, "[" + item(a, kEui) + "]");
+  notify(*lan, kDevicesKey, "[" + item(a, kEui) + "]");
   ASSERT_TRUE(added()) << log.dump();
-  notify(kDevicesKey, "");
+  notify(*lan, kDevicesKey, "");
   ASSERT_TRUE(log.wait_for_prefix("threadProc, delete device", 5000, 3)) << log.dump();
   for (int i = 0; i < 500 && (path_exists(a) || path_exists(b)); ++i) usleep(10000);
   EXPECT_FALSE(path_exists(a) || path_exists(b));
@@ -279,7 +256,7 @@ TEST_F(Lora, DeviceListChangesReplaceOnlyWhatChanged) {
   std::string many;
   for (int i = 0; i < 250; ++i) many += (i ? "," : "") + item(dir.file("n" + std::to_string(i)), kEui);
   log.clear();
-  notify(kDevicesKey, "[" + many + "]");
+  notify(*lan, kDevicesKey, "[" + many + "]");
   EXPECT_TRUE(added(250)) << log.count_prefix("threadProc, add device fd:");
   EXPECT_TRUE(path_exists(dir.file("n249")));
 }
@@ -294,8 +271,7 @@ TEST_F(Lora, FailedLanStartsHoldNothingAndAStopKeepsThePathsForTheNextStart) {
   set(kDevicesKey, "[" + item(path, kEui) + "," + item("", kOtherEui) + ",{\"devFile\":\"" + path + "2\"}]");
   set(kIntervalKey, "250ms");  // leading digits count
   ASSERT_EQ(lan->start(), 1) << log.dump();
-  EXPECT_EQ(log.count_prefix("deal_device_change_config, parameter error item[1]:") +
-                log.count_prefix("deal_device_change_config, parameter error item[2]:"), 2u);
+  EXPECT_EQ(log.count_prefix("deal_device_change_config, parameter error item["), 2u);
   EXPECT_TRUE(log.contains("deal_device_change_config, load device pair " + path + ":" + kEui + " -1 10 false"));
   ASSERT_TRUE(added()) << log.dump();
   log.clear();
@@ -328,13 +304,9 @@ TEST_F(Lora, NodeStartSendsTheConfiguredRfThenTheNodeListAndARefusalReleasesTheS
   set(kDevicesKey, R"([{"devFile":"/dev/lora0","devEUI":"00aa11bb22cc33dd","devAddr":"0a0b0c0d","nwkskey":"ab",)"
                    R"("appskey":"cd","mode":"abp"},{"devFile":"/dev/lora1","devEUI":"0102"}])");
   EXPECT_EQ(node->start(), 1) << log.dump();
-  const auto sent = received(4);
-  ASSERT_EQ(sent.size(), 4u) << sim.output();
-  EXPECT_EQ(between(sent[1], " <= ", " -> "),
-            R"({"class-c":{"RX2Frequency":"868100000","SF":"9","TxPower":"20"},"method":"set_rf"})");
-  EXPECT_EQ(between(sent[2], " <= ", " -> "), R"({"loranode":[],"method":"sync"})");
-  EXPECT_EQ(between(sent[3], " <= ", " -> "),
-            R"({"loranode":[{"appskey":"CD","devAddr":"0A0B0C0D","devEui":"00AA11BB22CC33DD",)"
+  EXPECT_EQ(shown(2), R"({"class-c":{"RX2Frequency":"868100000","SF":"9","TxPower":"20"},"method":"set_rf"})");
+  EXPECT_EQ(shown(3), R"({"loranode":[],"method":"sync"})");
+  EXPECT_EQ(shown(4), R"({"loranode":[{"appskey":"CD","devAddr":"0A0B0C0D","devEui":"00AA11BB22CC33DD",)"
             R"("mode":"ABP","nwkskey":"AB"},{"appskey":"","devAddr":"","devEui":"0102",)"
             R"("mode":"","nwkskey":""}],"method":"sync"})");
   EXPECT_TRUE(node->rf_ready());
@@ -346,7 +318,7 @@ TEST_F(Lora, NodeStartSendsTheConfiguredRfThenTheNodeListAndARefusalReleasesTheS
   manager.reset();
   EXPECT_EQ(node->start(), 0);
   EXPECT_TRUE(log.contains("start, get config [gw_tc_loralan_rf] fail."));
-  EXPECT_EQ(change(kRfKey, "").get(), 0);
+  EXPECT_EQ(notify(*node, kRfKey, ""), 0);
   EXPECT_TRUE(log.contains("udp_node_send_and_recv, send_udp fail, iret:-1"));
 }
 
@@ -382,22 +354,21 @@ TEST_F(Lora, NodeChangesSendRfDefaultsForAnEmptyValueListsInBatchesOfAHundredAnd
     const size_t before = received(0).size();
     cue(c.cue);
     const auto begin = steady_clock::now();
-    EXPECT_EQ(change(c.key, c.value).get(), c.result);
+    EXPECT_EQ(notify(*node, c.key, c.value), c.result);
     const auto waited = duration_cast<milliseconds>(steady_clock::now() - begin).count();
     EXPECT_TRUE(!c.ms || (waited >= c.ms - 100 && waited <= c.ms + 2000)) << waited;
-    if (c.ms) {
-      ASSERT_TRUE(sim.wait_for_line("late answer sent", 5000)) << sim.output();
-    }
+    ASSERT_TRUE(!c.ms || sim.wait_for_line("late answer sent", 5000)) << sim.output();
     const auto sent = received(before + c.requests.size());
     ASSERT_EQ(sent.size(), before + c.requests.size()) << sim.output();
     for (size_t i = 0; i < c.requests.size(); ++i) {
       EXPECT_EQ(sent[before + i].rfind(c.requests[i], 0), 0u) << sent[before + i];
     }
   }
-  const std::string deal = "deal_node_change_config, ", rf = "set_rf, ";
-  for (const std::string& line : {rf + "udp_node_send_and_recv fail", rf + "result:-100",
-                                  rf + "string_to_json fail, str_response:busy", deal + "config is not array format.",
-                                  deal + "sync_abp_node fail", deal + "add_abp_node fail"}) {
+  for (const char* line : {"set_rf, udp_node_send_and_recv fail", "set_rf, result:-100",
+                           "set_rf, string_to_json fail, str_response:busy",
+                           "deal_node_change_config, config is not array format.",
+                           "deal_node_change_config, sync_abp_node fail",
+                           "deal_node_change_config, add_abp_node fail"}) {
     EXPECT_EQ(log.count(line), 1u) << line;
   }
   EXPECT_FALSE(node->rf_ready());
