@@ -75,7 +75,6 @@ struct Replies {
     std::lock_guard<std::mutex> lock(mutex);
     return got;
   }
-  CDBusAsyncDelegate delegate() { return CDBusAsyncDelegate(this, &Replies::on_reply); }
   std::mutex mutex;
   std::vector<std::string> got;
 };
@@ -166,7 +165,7 @@ TEST_F(Server, StopReleasesABlockedHandlerAtOnceAndClosesAsyncCalls) {
   hold_calls();
   Replies replies;
   CDBusMethodCall async = call_peer("hold");
-  ASSERT_EQ(client->unblock_call(async, 99, replies.delegate()), 0);
+  ASSERT_EQ(client->unblock_call(async, 99, CDBusAsyncDelegate(&replies, &Replies::on_reply)), 0);
   CDBusMethodCall call = call_peer("hold");
   std::promise<int32_t> handled;
   client->on_method([&](CDBusMethodCall&, CDBusMethodReturn&, bool&) {
@@ -266,7 +265,7 @@ TEST_F(Server, TheWorkerHandlesCallsInOrderAnswersThrowsAndReleasesTheRestAtShut
   for (const char* tag : {"first", "second", "throw", "third"}) {
     CDBusMethodCall call = call_peer("work");
     call.set_string(tag);
-    ASSERT_EQ(client->unblock_call(call, 0, replies.delegate()), 0);
+    ASSERT_EQ(client->unblock_call(call, 0, CDBusAsyncDelegate(&replies, &Replies::on_reply)), 0);
   }
   ASSERT_TRUE(eventually([&] { return replies.get().size() == 4; })) << replies.get().size();
   EXPECT_EQ(replies.get(), (std::vector<std::string>{"first", "second", "", "third"}));

@@ -4,7 +4,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <regex>
+#include <algorithm>
+#include <cctype>
 #include <string>
 #include <thread>
 #include <vector>
@@ -55,10 +56,11 @@ TEST_F(LogPipe, LinesCarryTimeNamePidLevelFunctionAndWholeText) {
   ASSERT_EQ(lines.size(), 4u);
   const std::string expected[] = {"W TestBody: deal_message, value:42 x", "T TestBody: per packet, traced",
                                   "I TestBody: " + big + "|end", "E handler: 100% literal %s"};
-  const std::regex stamp(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z )");
+  const std::string head = "0000-00-00T00:00:00.000Z log-test[" + std::to_string(getpid()) + "]: ";  // 0: any digit
   for (size_t i = 0; i < 4; ++i) {
-    EXPECT_TRUE(std::regex_match(lines[i].substr(0, 25), stamp)) << lines[i];
-    EXPECT_EQ(lines[i].substr(25), "log-test[" + std::to_string(getpid()) + "]: " + expected[i]);
+    std::string seen = lines[i];
+    std::replace_if(seen.begin(), seen.begin() + std::min<size_t>(24, seen.size()), ::isdigit, '0');
+    EXPECT_EQ(seen, head + expected[i]);
   }
 }
 
