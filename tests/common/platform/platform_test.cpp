@@ -45,8 +45,7 @@ TEST(CSemaphore, WaitTakesAPostAtOnceOrWaitsOutItsTimeOutWhateverSignalsCome) {
   };
   const pthread_t waiter = pthread_self();
   for (const Case& c : cases) {
-    SCOPED_TRACE("timeout " + std::to_string(c.timeout_ms) + ", " + std::to_string(c.signals) + " signals, post after " +
-                 std::to_string(c.post_after_ms));
+    SCOPED_TRACE(testing::Message() << c.timeout_ms << " ms, " << c.signals << " signals, post at " << c.post_after_ms);
     CSemaphore s(c.initial);
     std::thread poster([&] {
       for (int i = 0; i < c.signals; ++i) {
