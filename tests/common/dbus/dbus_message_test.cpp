@@ -12,8 +12,6 @@ using namespace Zentrova::Iot::DBus;
 
 namespace {
 
-CDBusMethodCall make_call() { return CDBusMethodCall("tc.test.peer", "/tc/test", "tc.test.iface", "method"); }
-
 std::string read_array(CDBusMessage& message) {
   uint8_t* data = nullptr;
   int32_t length = -1;
@@ -28,7 +26,7 @@ std::string read_array(CDBusMessage& message) {
 // following one.
 TEST(DBusMessage, ArgumentsRoundTripAndAFailedReadIsLoggedAndPassesItsArgument) {
   tc_test::LogCaptureScope log;
-  CDBusMethodCall call = make_call();
+  CDBusMethodCall call("tc.test.peer", "/tc/test", "tc.test.iface", "method");
   ASSERT_TRUE(call.set_string("key") && call.set_string("h\xc3\xa9llo") && call.set_int32(-2147483647 - 1) &&
               call.set_uint32(0xffffffffu) && call.set_uint64(0xfedcba9876543210ull) && call.set_array(nullptr, 0) &&
               call.set_array(reinterpret_cast<const uint8_t*>("\0\x7f\xff"), 3) && call.set_string(""));
@@ -49,7 +47,7 @@ TEST(DBusMessage, ArgumentsRoundTripAndAFailedReadIsLoggedAndPassesItsArgument) 
   EXPECT_FALSE(call.get_string(text));
   EXPECT_EQ(text, "untouched");
   EXPECT_EQ(call.get_path() + " " + call.get_interface() + " " + call.get_member(), "/tc/test tc.test.iface method");
-  CDBusMethodCall bare = make_call();  // no arguments at all
+  CDBusMethodCall bare("tc.test.peer", "/tc/test", "tc.test.iface", "method");  // no arguments at all
   EXPECT_FALSE(bare.get_string(text));
   EXPECT_FALSE(bare.get_string(text));
   EXPECT_EQ(log.dump(),

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-
 using namespace Zentrova::Iot::Platform;
 
 namespace {
@@ -20,7 +18,6 @@ TEST(StringToJson, AcceptsOnlyWholeDocumentsOfBoundedDepth) {
       {std::string(300, '[') + std::string(300, ']'), false},
       {std::string(100000, '[') + std::string(100000, ']'), false},
       {std::string(100, '[') + std::string(100, ']'), true},
-      {"{\"a\":\"x\\u0000y\"}", true},
   };
   for (const auto& [text, ok] : cases) {
     Json::Value out = 5;
@@ -48,7 +45,6 @@ TEST(JsonGet, FallbackForMissingMistypedOrNonObjectSteps) {
   EXPECT_DOUBLE_EQ(json_get_double(doc, "a.d", 0), 1.5);
   EXPECT_DOUBLE_EQ(json_get_double(doc, "a.b", 2.5), 2.5);
   EXPECT_TRUE(json_get_value(doc, "a.zz").isNull());
-  EXPECT_EQ(json_get_value(doc, "a.n").asInt(), 5);
   EXPECT_EQ(json_get_int(Json::Value(3), "a", 7), 7);
 }
 

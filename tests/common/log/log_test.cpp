@@ -4,7 +4,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <algorithm>
+#include <cctype>
 #include <string>
 #include <thread>
 #include <vector>
@@ -55,37 +56,28 @@ TEST_F(LogPipe, LinesCarryTimeNamePidLevelFunctionAndWholeText) {
   ASSERT_EQ(lines.size(), 4u);
   const std::string expected[] = {"W TestBody: deal_message, value:42 x", "T TestBody: per packet, traced",
                                   "I TestBody: " + big + "|end", "E handler: 100% literal %s"};
+  const std::string head = "0000-00-00T00:00:00.000Z log-test[" + std::to_string(getpid()) + "]: ";  // 0: any digit
   for (size_t i = 0; i < 4; ++i) {
-    int y, mo, d, h, mi, sec, ms, pid, rest = -1;
-    ASSERT_EQ(std::sscanf(lines[i].c_str(), "%4d-%2d-%2dT%2d:%2d:%2d.%3dZ log-test[%d]: %n", &y, &mo, &d, &h, &mi,
-                          &sec, &ms, &pid, &rest),
-              8)
-        << lines[i];
-    EXPECT_EQ(lines[i][23], 'Z') << "exactly three millisecond digits: " << lines[i];
-    EXPECT_EQ(pid, getpid());
-    EXPECT_EQ(lines[i].substr(static_cast<size_t>(rest)), expected[i]);
+    std::string seen = lines[i];
+    std::replace_if(seen.begin(), seen.begin() + std::min<size_t>(24, seen.size()), ::isdigit, '0');
+    EXPECT_EQ(seen, head + expected[i]);
   }
 }
 
 TEST_F(LogPipe, ThreadsNeverInterleaveLines) {
-  constexpr int kThreads = 4;
-  constexpr int kLines = 300;
   std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
+  for (char t = 'a'; t < 'e'; ++t) {
     threads.emplace_back([t] {
-      const std::string body(200, static_cast<char>('a' + t));
-      for (int i = 0; i < kLines; ++i) TC_LOG(1, "%d:%s", t, body.c_str());
+      for (int i = 0; i < 300; ++i) TC_LOG(1, "%c:%s", t, std::string(200, t).c_str());
     });
   }
   for (auto& th : threads) th.join();
   const std::vector<std::string> lines = drain();
-  ASSERT_EQ(lines.size(), static_cast<size_t>(kThreads * kLines));
+  ASSERT_EQ(lines.size(), 1200u);
   for (const std::string& line : lines) {
-    const size_t at = line.find(" I operator(): ");
-    ASSERT_NE(at, std::string::npos) << line;
-    const std::string body = line.substr(at + 15);
-    ASSERT_TRUE(body.size() == 202 && body[0] >= '0' && body[0] < '0' + kThreads && body[1] == ':') << line;
-    EXPECT_EQ(body.substr(2), std::string(200, static_cast<char>('a' + (body[0] - '0')))) << line;
+    const char t = line.empty() ? 0 : line.back();  // each line ends as its thread wrote it whole
+    const std::string tail = std::string(" I operator(): ") + t + ":" + std::string(200, t);
+    EXPECT_TRUE(line.size() > tail.size() && line.compare(line.size() - tail.size(), tail.size(), tail) == 0) << line;
   }
 }
 
