@@ -15,6 +15,5 @@ inline void check(bool condition, const char* what) {
 }
 
 inline void fuzz_quiet_log() {
-  static const bool quiet = (log_init("fuzz", 0, 0, 2), true);
-  (void)quiet;
+  [[maybe_unused]] static const bool quiet = (log_init("fuzz", 0, 0, 2), true);
 }

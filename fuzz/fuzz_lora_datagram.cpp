@@ -24,26 +24,15 @@ using Zentrova::Iot::Platform::string_to_json;
 
 namespace {
 
-void check_hex_round_trip(const std::string& bytes) {
-  std::string hex;
-  bytes_to_hex(bytes, hex);
-  check(hex.size() == 2 * bytes.size(), "bytes_to_hex: wrong length");
-  std::string back;
-  hex_to_bytes(hex, back);
-  check(back == bytes, "hex_to_bytes does not invert bytes_to_hex");
-}
-
 void check_uplink(const LoraLanDatagram& d) {
   check(!d.dev_eui.empty() && !d.data.empty(), "uplink without EUI or data");
   check(d.mtype == 2 || d.mtype == 4, "uplink of another message type");
   check(d.fport >= 1 && d.fport <= 223, "uplink on a reserved FPort");
 
+  // (The hex helpers themselves, on any text, are checked below.)
   const std::string eui = to_upper(d.dev_eui);
-  check(eui.size() == d.dev_eui.size(), "to_upper changed the length");
   std::string payload;
   hex_to_bytes(d.data, payload);
-  check(payload.size() == d.data.size() / 2, "hex_to_bytes: wrong length");
-  check_hex_round_trip(payload);
 
   // Writing the decoded bytes back to the server must give their hex text.
   const std::string downlink = build_lora_lan_downlink(payload, eui, d.fport, d.mtype == 4);
@@ -67,10 +56,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (d.kind == LoraLanDatagramKind::result) check(d.result != LORA_LAN_NO_RESULT, "result without a result");
 
   // Hex decoding of text that is not hex at all, and the round trip on any bytes.
-  std::string bytes;
+  std::string bytes, hex, back;
   hex_to_bytes(text, bytes);
   check(bytes.size() == text.size() / 2, "hex_to_bytes: wrong length");
-  check_hex_round_trip(text);
+  bytes_to_hex(text, hex);
+  check(hex.size() == 2 * text.size(), "bytes_to_hex: wrong length");
+  hex_to_bytes(hex, back);
+  check(back == text, "hex_to_bytes does not invert bytes_to_hex");
 
   int32_t result = LORA_NODE_NO_RESULT;
   node_response_result(text, result);

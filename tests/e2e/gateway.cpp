@@ -19,15 +19,9 @@ const char* const kEui = "00aa11bb22cc33dd";
 const char* const kRf = R"({"class-c":{"RX2Frequency":"486900000","TxPower":"17","SF":"7"}})";
 const char* const kReadyLine = " I start: start, transparent-channel startup success.";
 
-namespace {
-
 using tc_test::ChildProcess;
 
-const std::string kService = TC_BINARY_DIR "/service/transparent-channel";
 const std::string kConfigTool = TC_BINARY_DIR "/tools/tc-config/tc-config";
-const std::string kBusSocket = "/tmp/var/run/mbusd/mbusd_socket";
-
-}  // namespace
 
 std::pair<int, std::string> RemotePort::open_pair() {
   int master = -1, slave = -1;
@@ -45,7 +39,7 @@ bool Gateway::fail(const std::string& why) {
 }
 
 bool Gateway::start_bus(const std::string& config_file) {
-  return m_bus.start(kBusSocket, config_file) || fail("dbus-daemon: " + m_bus.error());
+  return m_bus.start("/tmp/var/run/mbusd/mbusd_socket", config_file) || fail("dbus-daemon: " + m_bus.error());
 }
 
 bool Gateway::start(std::unique_ptr<ChildProcess>& slot, std::vector<std::string> argv,
@@ -76,7 +70,7 @@ bool Gateway::start_serial_peer(const std::string& ip, const std::vector<std::st
 
 bool Gateway::start_service(const std::vector<std::string>& wrapper) {
   std::vector<std::string> argv = wrapper;
-  argv.push_back(kService);
+  argv.push_back(TC_BINARY_DIR "/service/transparent-channel");
   m_service = std::make_unique<ChildProcess>(argv);
   return m_service->started() || fail("transparent-channel did not start");
 }

@@ -5,9 +5,7 @@
 
 #include <chrono>
 #include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "tests/e2e/gateway.h"
 

@@ -10,11 +10,8 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "tests/e2e/gateway.h"
 

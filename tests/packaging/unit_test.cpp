@@ -65,8 +65,7 @@ TEST_F(Unit, TheServiceDoesItsJobInItsSandboxBehindTheBusPolicy) {
                                   "--print-reply", "--dest=iot.gateway.transparentchannel",
                                   "/iot/gateway/transparentchannel", "iot.gateway.transparentchannel.notify_config",
                                   "string:gw_tc_loralan_down_packet_interval", "string:250"});
-  int status = 0;
-  ASSERT_TRUE(stranger.wait_exit(e2e::kWaitMs, &status));
+  ASSERT_TRUE(stranger.wait_exit(e2e::kWaitMs, nullptr));
   EXPECT_NE(stranger.output().find("org.freedesktop.DBus.Error.AccessDenied"), std::string::npos) << stranger.output();
   ASSERT_EQ(gw.set_config("gw_tc_loralan_down_packet_interval", "250"), 0);
   EXPECT_TRUE(gw.manager().wait_for_line("[iot.gateway.transparentchannel] result [0].", e2e::kWaitMs))

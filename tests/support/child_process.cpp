@@ -12,16 +12,14 @@
 namespace tc_test {
 
 ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::vector<int>& blocked) {
-  int out[2];
-  int in[2];
+  int out[2], in[2];
   if (pipe2(out, O_CLOEXEC) != 0 || pipe2(in, O_CLOEXEC) != 0) return;  // started() says so
   std::vector<char*> args;
   for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
 
   // Blocked across the fork too, so that a signal sent right after it waits.
-  sigset_t mask;
-  sigset_t saved;
+  sigset_t mask, saved;
   sigemptyset(&mask);
   for (int sig : blocked) sigaddset(&mask, sig);
   pthread_sigmask(SIG_BLOCK, &mask, &saved);

@@ -10,14 +10,6 @@
 
 namespace tc_test {
 
-namespace {
-// The permissive test policy lives beside this source file.
-std::string config_path() {
-  std::string here = __FILE__;
-  return here.substr(0, here.rfind('/') + 1) + "dbus_daemon.conf";
-}
-}  // namespace
-
 DBusDaemon::~DBusDaemon() {
   stop();
   if (!m_dir.empty()) rmdir(m_dir.c_str());
@@ -38,7 +30,7 @@ bool DBusDaemon::start(const std::string& socket_path, const std::string& config
   std::filesystem::create_directories(m_socket.substr(0, m_socket.rfind('/')), ignored);
   unlink(m_socket.c_str());
   m_daemon = std::make_unique<ChildProcess>(std::vector<std::string>{
-      "/usr/bin/dbus-daemon", "--config-file=" + (config_file.empty() ? config_path() : config_file),
+      "/usr/bin/dbus-daemon", "--config-file=" + (config_file.empty() ? TC_SOURCE_DIR "/tests/support/dbus_daemon.conf" : config_file),
       "--address=" + address(), "--nofork", "--print-address", "--nosyslog"});
   // The daemon prints its address once it listens.
   if (!m_daemon->wait_for_line(address(), 10000)) {

@@ -13,14 +13,10 @@
 
 namespace tc_test {
 
-namespace {
-
-int left_ms(std::chrono::steady_clock::time_point end) {
+static int left_ms(std::chrono::steady_clock::time_point end) {
   const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
   return static_cast<int>(std::max<int64_t>(0, left.count()));
 }
-
-}  // namespace
 
 DeviceFile::DeviceFile(const std::string& path) {
   m_fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
