@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs every test through CTest.
 #   ./test.sh                      normal build in build/
-#   ./test.sh --sanitize=address   ASan + UBSan build in build-asan/
-#   ./test.sh --sanitize=thread    TSan build in build-tsan/
+#   ./test.sh --sanitize=address   ASan + UBSan build in build-address/
+#   ./test.sh --sanitize=thread    TSan build in build-thread/
 # Extra arguments after -- go to ctest (e.g. ./test.sh -- -R serial).
 # The normal run also fuzzes each libFuzzer target for TC_FUZZ_SECONDS
 # (default 30; 0 skips it), before the suite so that CTest's summary ends

@@ -26,7 +26,7 @@ TEST(Entry, TerminationSignalsEndTheStartLoopAndExitInOrder) {
       tc_test::ChildProcess service({TC_BINARY_DIR "/service/transparent-channel"},
                                     pending ? std::vector<int>{sig} : std::vector<int>{});
       ASSERT_TRUE(pending || service.wait_for_line("W start: start, dbus connect fail, try again", 5000));
-      ASSERT_TRUE(service.signal(sig));
+      ASSERT_TRUE(pending || service.signal(sig));
 #if defined(__SANITIZE_THREAD__)
       // ThreadSanitizer's runtime now and then drops a signal that lands while
       // the main thread enters a blocking call; one resend keeps this about the service.

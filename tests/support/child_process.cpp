@@ -11,18 +11,16 @@
 
 namespace tc_test {
 
-ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::vector<int>& blocked) {
+ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::vector<int>& pending) {
   int out[2], in[2];
   if (pipe2(out, O_CLOEXEC) != 0 || pipe2(in, O_CLOEXEC) != 0) return;  // started() says so
   std::vector<char*> args;
   for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
 
-  // Blocked across the fork too, so that a signal sent right after it waits.
-  sigset_t mask, saved;
+  sigset_t mask;
   sigemptyset(&mask);
-  for (int sig : blocked) sigaddset(&mask, sig);
-  pthread_sigmask(SIG_BLOCK, &mask, &saved);
+  for (int sig : pending) sigaddset(&mask, sig);
   const pid_t parent = getpid();
   m_pid = fork();
   if (m_pid == 0) {
@@ -37,10 +35,11 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::vect
     // sanitizer runtime may fork with signals blocked, and exec keeps the mask).
     ::signal(SIGPIPE, SIG_DFL);
     sigprocmask(SIG_SETMASK, &mask, nullptr);
+    // Pending before exec, not sent later by us: the program may unblock them first.
+    for (int sig : pending) kill(getpid(), sig);
     execv(args[0], args.data());
     _exit(127);
   }
-  pthread_sigmask(SIG_SETMASK, &saved, nullptr);
   close(out[1]);
   close(in[0]);
   m_input = in[1];

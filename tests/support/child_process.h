@@ -15,9 +15,9 @@ namespace tc_test {
 
 class ChildProcess {
  public:
-  // `blocked`: signals the program starts with blocked (and pending, when
-  // sent), as a careless parent could leave them.
-  explicit ChildProcess(const std::vector<std::string>& argv, const std::vector<int>& blocked = {});
+  // `pending`: signals the program starts with, blocked and already pending,
+  // as a careless parent could leave them.
+  explicit ChildProcess(const std::vector<std::string>& argv, const std::vector<int>& pending = {});
   // Kills the program (SIGKILL) if it still runs.
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
