@@ -256,8 +256,8 @@ epoll_event channel_event(int fd, bool writable = true) {
 
 }  // namespace
 
-int epoll_add(int32_t epfd, int32_t fd) {
-  epoll_event ev = channel_event(fd);
+int epoll_add(int32_t epfd, int32_t fd, bool writable) {
+  epoll_event ev = channel_event(fd, writable);
   if (epoll_ctl(epfd, EPOLL_CTL_ADD, fd, &ev) < 0) {
     TC_LOG(2, "epoll_ctl EPOLL_CTL_ADD fd: %d, error: %s", fd, strerror(errno));
     return -1;

@@ -41,8 +41,8 @@ int recv_udp(int32_t fd, void* buf, int32_t len);
 // echo off, or -1.
 int create_device_file(const std::string& link);
 
-// Edge-triggered registration for in, out, error and hang-up.  0, or -1.
-int epoll_add(int32_t epfd, int32_t fd);
+// Edge-triggered registration for in, error, hang-up and (if `writable`) out.  0, or -1.
+int epoll_add(int32_t epfd, int32_t fd, bool writable = true);
 int epoll_del(int32_t epfd, int32_t fd);
 // Changes a registration made by epoll_add to report the writable edge or
 // not.  Re-arming reports room that is there already.  0, or -1.

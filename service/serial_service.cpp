@@ -252,9 +252,10 @@ void CSerialService::threadProc() {
   // Without it, device files count as always read (bytes go in as they come).
   m_open_watch_fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   if (m_open_watch_fd < 0) TC_LOG(2, "threadProc, inotify_init1 error: %s", strerror(errno));
-  for (int fd : {m_wake_fd, m_open_watch_fd}) {
-    if (fd >= 0) epoll_add(epfd, fd);
-  }
+  if (m_open_watch_fd >= 0) epoll_add(epfd, m_open_watch_fd);
+  // Not for writing: an eventfd is always writable, and that edge would cost
+  // one more pass after every wake-up.
+  if (m_wake_fd >= 0) epoll_add(epfd, m_wake_fd, false);
   epoll_event events[kMaxEvents];
   uint64_t last_connect = 0;
   uint64_t last_keepalive_check = 0;

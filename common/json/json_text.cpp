@@ -13,22 +13,42 @@ namespace {
 constexpr int kNestingLimit = 256;
 
 const Json::Value& resolve(const Json::Value& root, const std::string& path) {
+  // Most lookups name one member; a Path would parse the name each time.
+  if (!path.empty() && path.find_first_of(".[]%") == std::string::npos) {
+    if (!root.isObject()) return Json::Value::nullSingleton();
+    const Json::Value* member = root.find(path.data(), path.data() + path.size());
+    return member ? *member : Json::Value::nullSingleton();
+  }
   try {
     return Json::Path(path).resolve(root);
   } catch (const std::exception&) {
     return Json::Value::nullSingleton();
   }
 }
+
+// Building a reader's settings costs more than parsing a short datagram, so
+// each thread keeps one reader (a reader must not be shared by two threads).
+Json::CharReader& reader() {
+  thread_local const std::unique_ptr<Json::CharReader> reader = [] {
+    Json::CharReaderBuilder builder;
+    builder["stackLimit"] = kNestingLimit;
+    return std::unique_ptr<Json::CharReader>(builder.newCharReader());
+  }();
+  return *reader;
+}
+
+Json::StreamWriterBuilder writer_builder(bool styled) {
+  Json::StreamWriterBuilder builder;
+  if (!styled) builder["indentation"] = "";
+  return builder;
+}
 }  // namespace
 
 bool string_to_json(const std::string& text, Json::Value& out) {
-  Json::CharReaderBuilder builder;
-  builder["stackLimit"] = kNestingLimit;
-  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   std::string errors;
   bool ok = false;
   try {
-    ok = reader->parse(text.data(), text.data() + text.size(), &out, &errors);
+    ok = reader().parse(text.data(), text.data() + text.size(), &out, &errors);
   } catch (const std::exception&) {
     ok = false;
   }
@@ -37,9 +57,9 @@ bool string_to_json(const std::string& text, Json::Value& out) {
 }
 
 void json_to_string(const Json::Value& value, std::string& out, bool styled) {
-  Json::StreamWriterBuilder builder;
-  if (!styled) builder["indentation"] = "";
-  out = Json::writeString(builder, value);
+  static const Json::StreamWriterBuilder compact = writer_builder(false);
+  static const Json::StreamWriterBuilder indented = writer_builder(true);
+  out = Json::writeString(styled ? indented : compact, value);
 }
 
 std::string json_get_string(const Json::Value& root, const std::string& path, const std::string& fallback) {
