@@ -2,7 +2,7 @@
 // parses, systemd-analyze rates it confined, and the service does its whole
 // job under the restrictions a test can impose without systemd (sandbox.sh,
 // and seccomp_exec.py with the unit's own system-call filter), on a bus that
-// runs the shipped policy: anybody may ask for the connection status, but only
+// runs the shipped policy: anybody may read the links' status, but only
 // the configuration manager's name gets a "notify_config" through.
 // Isolated: the bus path and the ports are fixed.
 
@@ -60,6 +60,12 @@ TEST_F(Unit, TheServiceDoesItsJobInItsSandboxBehindTheBusPolicy) {
   EXPECT_TRUE(gw.wait_status(e2e::status_line(gw.path("ttyV1"), "127.0.0.2", port.path(), true)));
   EXPECT_TRUE(gw.service().wait_for_line("symlink error: Read-only file system", 5000)) << gw.service().output();
   EXPECT_TRUE(tc_test::path_exists(gw.path("lora1")));
+  // An operator's tools get through: tc-status's counters, busctl's introspection.
+  const std::string table = e2e::run({TC_BINARY_DIR "/tools/tc-status/tc-status"});
+  EXPECT_NE(table.find(gw.path("ttyV1")), std::string::npos) << table;
+  const std::string methods = e2e::run({"/usr/bin/busctl", "--address=unix:path=/tmp/var/run/mbusd/mbusd_socket",
+                                        "introspect", "iot.gateway.transparentchannel", "/iot/gateway/transparentchannel"});
+  EXPECT_NE(methods.find(".channel_statistics"), std::string::npos) << methods;
 
   tc_test::ChildProcess stranger({"/usr/bin/dbus-send", "--bus=unix:path=/tmp/var/run/mbusd/mbusd_socket",
                                   "--print-reply", "--dest=iot.gateway.transparentchannel",
